@@ -10,8 +10,7 @@
 
 /* Matches `str` against `pattern`, where a trailing '*' in the pattern matches any rest.
  * On a match *len is the number of characters of `str` that the pattern consumed. */
-static inline bool ubus_strmatch_len(const char *str, const char *pattern, int *len)
-{
+static inline bool ubus_strmatch_len(const char* str, const char* pattern, int* len) {
     *len = 0;
 
     while (1) {

@@ -2,8 +2,8 @@
 #ifndef __UBUSMSG_H
 #define __UBUSMSG_H
 
-#include <stdint.h>
 #include <libubox/blob.h>
+#include <stdint.h>
 
 #define __packetdata __attribute__((packed)) __attribute__((__aligned__(4)))
 

@@ -11,15 +11,13 @@
 #include <time.h>
 #include <unistd.h>
 
-static void sleep_ms(long ms)
-{
+static void sleep_ms(long ms) {
     struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
     while (nanosleep(&ts, &ts) < 0 && errno == EINTR)
         ;
 }
 
-static bool socket_accepts(const char *path)
-{
+static bool socket_accepts(const char* path) {
     struct sockaddr_un addr = {.sun_family = AF_UNIX};
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     bool ok;
@@ -27,13 +25,12 @@ static bool socket_accepts(const char *path)
     if (fd < 0)
         return false;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
-    ok = connect(fd, (struct sockaddr *)&addr, sizeof(addr)) == 0;
+    ok = connect(fd, (struct sockaddr*)&addr, sizeof(addr)) == 0;
     close(fd);
     return ok;
 }
 
-static bool reap(struct test_daemon *d, long wait_ms)
-{
+static bool reap(struct test_daemon* d, long wait_ms) {
     for (long waited = 0; waited <= wait_ms; waited += 10) {
         pid_t r = waitpid(d->pid, NULL, WNOHANG);
         if (r == d->pid || (r < 0 && errno == ECHILD)) {
@@ -45,8 +42,7 @@ static bool reap(struct test_daemon *d, long wait_ms)
     return false;
 }
 
-int test_daemon_restart(struct test_daemon *d)
-{
+int test_daemon_restart(struct test_daemon* d) {
     pid_t pid;
 
     if (d->pid)
@@ -55,7 +51,7 @@ int test_daemon_restart(struct test_daemon *d)
     if (pid < 0)
         return -1;
     if (pid == 0) {
-        execl(d->exe, d->exe, "-s", d->socket, (char *)NULL);
+        execl(d->exe, d->exe, "-s", d->socket, (char*)NULL);
         _exit(127);
     }
     d->pid = pid;
@@ -72,8 +68,7 @@ int test_daemon_restart(struct test_daemon *d)
     return -1;
 }
 
-int test_daemon_start(struct test_daemon *d, const char *exe)
-{
+int test_daemon_start(struct test_daemon* d, const char* exe) {
     memset(d, 0, sizeof(*d));
     d->exe = exe;
     snprintf(d->dir, sizeof(d->dir), "/tmp/orvix-test-XXXXXX");
@@ -87,8 +82,7 @@ int test_daemon_start(struct test_daemon *d, const char *exe)
     return 0;
 }
 
-void test_daemon_stop(struct test_daemon *d)
-{
+void test_daemon_stop(struct test_daemon* d) {
     if (!d->pid)
         return;
     kill(d->pid, SIGTERM);
@@ -96,16 +90,14 @@ void test_daemon_stop(struct test_daemon *d)
         test_daemon_kill(d);
 }
 
-void test_daemon_kill(struct test_daemon *d)
-{
+void test_daemon_kill(struct test_daemon* d) {
     if (!d->pid)
         return;
     kill(d->pid, SIGKILL);
     reap(d, 10000);
 }
 
-void test_daemon_cleanup(struct test_daemon *d)
-{
+void test_daemon_cleanup(struct test_daemon* d) {
     test_daemon_stop(d);
     if (d->socket[0])
         unlink(d->socket);
@@ -113,8 +105,7 @@ void test_daemon_cleanup(struct test_daemon *d)
         rmdir(d->dir);
 }
 
-bool test_daemon_running(struct test_daemon *d)
-{
+bool test_daemon_running(struct test_daemon* d) {
     if (!d->pid)
         return false;
     if (waitpid(d->pid, NULL, WNOHANG) == d->pid) {

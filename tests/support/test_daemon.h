@@ -10,7 +10,7 @@ extern "C" {
 #endif
 
 struct test_daemon {
-    const char *exe; /* the daemon's executable */
+    const char* exe; /* the daemon's executable */
     pid_t pid;       /* 0 while not running */
     char dir[64];    /* private directory holding the socket */
     char socket[96];
@@ -18,22 +18,22 @@ struct test_daemon {
 
 /* Creates a private directory and starts `exe -s <dir>/ubus.sock`; returns once the
  * socket accepts connections. Returns 0, or -1 with nothing left running. */
-int test_daemon_start(struct test_daemon *d, const char *exe);
+int test_daemon_start(struct test_daemon* d, const char* exe);
 
 /* Starts the daemon again on the same socket after a stop or kill. */
-int test_daemon_restart(struct test_daemon *d);
+int test_daemon_restart(struct test_daemon* d);
 
 /* SIGTERM and wait (SIGKILL after a few seconds). No-op when not running. */
-void test_daemon_stop(struct test_daemon *d);
+void test_daemon_stop(struct test_daemon* d);
 
 /* SIGKILL and wait: the daemon vanishes without cleaning up. */
-void test_daemon_kill(struct test_daemon *d);
+void test_daemon_kill(struct test_daemon* d);
 
 /* Stops the daemon and removes its socket and directory. */
-void test_daemon_cleanup(struct test_daemon *d);
+void test_daemon_cleanup(struct test_daemon* d);
 
 /* True while the daemon process runs. */
-bool test_daemon_running(struct test_daemon *d);
+bool test_daemon_running(struct test_daemon* d);
 
 #ifdef __cplusplus
 }

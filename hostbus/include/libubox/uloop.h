@@ -3,11 +3,11 @@
 #ifndef __LIBUBOX_ULOOP_H
 #define __LIBUBOX_ULOOP_H
 
-#include <sys/time.h>
-#include <sys/types.h>
 #include <signal.h>
 #include <stdbool.h>
 #include <stdint.h>
+#include <sys/time.h>
+#include <sys/types.h>
 
 #include "list.h"
 
@@ -19,9 +19,9 @@ struct uloop_fd;
 struct uloop_timeout;
 struct uloop_process;
 
-typedef void (*uloop_fd_handler)(struct uloop_fd *u, unsigned int events);
-typedef void (*uloop_timeout_handler)(struct uloop_timeout *t);
-typedef void (*uloop_process_handler)(struct uloop_process *c, int ret);
+typedef void (*uloop_fd_handler)(struct uloop_fd* u, unsigned int events);
+typedef void (*uloop_timeout_handler)(struct uloop_timeout* t);
+typedef void (*uloop_process_handler)(struct uloop_process* c, int ret);
 
 #define ULOOP_READ (1 << 0)
 #define ULOOP_WRITE (1 << 1)
@@ -63,31 +63,29 @@ extern bool uloop_cancelled;
 extern bool uloop_handle_sigchld;
 extern uloop_fd_handler uloop_fd_set_cb;
 
-int uloop_fd_add(struct uloop_fd *sock, unsigned int flags);
-int uloop_fd_delete(struct uloop_fd *sock);
+int uloop_fd_add(struct uloop_fd* sock, unsigned int flags);
+int uloop_fd_delete(struct uloop_fd* sock);
 
 int uloop_get_next_timeout(void);
-int uloop_timeout_add(struct uloop_timeout *timeout);
-int uloop_timeout_set(struct uloop_timeout *timeout, int msecs);
-int uloop_timeout_cancel(struct uloop_timeout *timeout);
-int uloop_timeout_remaining(struct uloop_timeout *timeout)
+int uloop_timeout_add(struct uloop_timeout* timeout);
+int uloop_timeout_set(struct uloop_timeout* timeout, int msecs);
+int uloop_timeout_cancel(struct uloop_timeout* timeout);
+int uloop_timeout_remaining(struct uloop_timeout* timeout)
     __attribute__((deprecated("use uloop_timeout_remaining64")));
-int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout);
+int64_t uloop_timeout_remaining64(struct uloop_timeout* timeout);
 
-int uloop_process_add(struct uloop_process *p);
-int uloop_process_delete(struct uloop_process *p);
+int uloop_process_add(struct uloop_process* p);
+int uloop_process_delete(struct uloop_process* p);
 
 bool uloop_cancelling(void);
 
-static inline void uloop_end(void)
-{
+static inline void uloop_end(void) {
     uloop_cancelled = true;
 }
 
 int uloop_init(void);
 int uloop_run_timeout(int timeout);
-static inline int uloop_run(void)
-{
+static inline int uloop_run(void) {
     return uloop_run_timeout(-1);
 }
 void uloop_done(void);

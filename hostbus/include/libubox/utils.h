@@ -2,13 +2,13 @@
 #ifndef __LIBUBOX_UTILS_H
 #define __LIBUBOX_UTILS_H
 
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <sys/types.h>
 #include <byteswap.h>
 #include <endian.h>
 #include <stdbool.h>
 #include <stdint.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -33,7 +33,7 @@ extern "C" {
 /* One zeroed allocation split into several parts:
  * calloc_a(sizeof(*s), &name, name_len + 1, &data, data_len) returns s and sets
  * name and data to the (aligned) memory that follows it. */
-void *__calloc_a(size_t len, ...);
+void* __calloc_a(size_t len, ...);
 #define calloc_a(len, ...) __calloc_a(len, ##__VA_ARGS__, NULL)
 
 #if __BYTE_ORDER == __LITTLE_ENDIAN
