@@ -1,1 +1,102 @@
-int main(void) { return 0; }
+/* orvix-ubusd: command line, listening socket, signals and the main loop. */
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "ubusd.h"
+
+static void usage(const char* prog) {
+    fprintf(stderr,
+            "Usage: %s [<options>]\n"
+            "Options:\n"
+            "  -A <path>:\t\tSet the path to ACL files (accepted, none are read)\n"
+            "  -s <socket>:\t\tSet the unix domain socket to listen on\n"
+            "\n",
+            prog);
+}
+
+/* Only the default location is ours to create; a socket given with -s lives in a
+ * directory its caller provides. */
+static void create_default_dir(void) {
+    char dir[] = UBUS_UNIX_SOCKET;
+    char* slash = strrchr(dir, '/');
+
+    if (!slash || slash == dir)
+        return;
+    *slash = '\0';
+    mkdir(dir, 0755);
+}
+
+static int listen_socket(const char* path) {
+    struct sockaddr_un addr = {.sun_family = AF_UNIX};
+    int fd;
+
+    if (strlen(path) >= sizeof(addr.sun_path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    strcpy(addr.sun_path, path);
+    unlink(path);
+    /* Any local user may connect; access is decided per client. */
+    umask(0111);
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    if (bind(fd, (struct sockaddr*)&addr, sizeof(addr)) < 0 || listen(fd, SOMAXCONN) < 0) {
+        int err = errno;
+
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+int main(int argc, char** argv) {
+    const char* path = UBUS_UNIX_SOCKET;
+    int fd, opt;
+
+    while ((opt = getopt(argc, argv, "A:s:")) != -1) {
+        switch (opt) {
+        case 's':
+            path = optarg;
+            break;
+        case 'A':
+            break;
+        default:
+            usage(argv[0]);
+            return 1;
+        }
+    }
+
+    signal(SIGPIPE, SIG_IGN);
+    /* There are no ACL files to reload. */
+    signal(SIGHUP, SIG_IGN);
+    /* The loop takes over SIGINT/SIGTERM only from the default disposition; a daemon
+     * started with them ignored must still stop cleanly. */
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+
+    if (id_init() < 0 || uloop_init() < 0 || blob_buf_init(&msg_buf, 0) < 0) {
+        fprintf(stderr, "orvix-ubusd: initialisation failed: %s\n", strerror(errno));
+        return 1;
+    }
+    if (!strcmp(path, UBUS_UNIX_SOCKET))
+        create_default_dir();
+    fd = listen_socket(path);
+    if (fd < 0) {
+        fprintf(stderr, "usock: %s\n", strerror(errno));
+        return 255;
+    }
+    clients_init();
+    objects_init();
+    listener_start(fd);
+    uloop_run();
+    unlink(path);
+    return 0;
+}

@@ -1,0 +1,150 @@
+/* Events: objects registered with patterns through the built-in object 1, events sent by
+ * clients, and the daemon's own ubus.object.add/remove notices. An event reaches each
+ * listening object once, as an INVOKE whose METHOD is the event name. */
+#include <string.h>
+
+#include <libubox/blobmsg.h>
+#include <ubus_common.h>
+
+#include "ubusd.h"
+
+struct event_pattern {
+    struct list_head entry;
+    char pattern[];
+};
+
+static LIST_HEAD(listening); /* objects with at least one pattern, by first registration */
+static uint16_t event_seq;
+static struct blob_buf event_data; /* the DATA attribute of the event being delivered */
+
+enum { REGISTER_OBJECT, REGISTER_PATTERN, __REGISTER_MAX };
+
+static const struct blobmsg_policy register_policy[__REGISTER_MAX] = {
+    [REGISTER_OBJECT] = {.name = "object", .type = BLOBMSG_TYPE_INT32},
+    [REGISTER_PATTERN] = {.name = "pattern", .type = BLOBMSG_TYPE_STRING},
+};
+
+enum { SEND_ID, SEND_DATA, __SEND_MAX };
+
+static const struct blobmsg_policy send_policy[__SEND_MAX] = {
+    [SEND_ID] = {.name = "id", .type = BLOBMSG_TYPE_STRING},
+    [SEND_DATA] = {.name = "data", .type = BLOBMSG_TYPE_TABLE},
+};
+
+static bool object_listens_to(struct object* obj, const char* event) {
+    struct event_pattern* p;
+    int len;
+
+    list_for_each_entry(p, &obj->event_patterns, entry) {
+        if (ubus_strmatch_len(event, p->pattern, &len))
+            return true;
+    }
+    return false;
+}
+
+/* Delivers event_data to every listener except those of `sender`. */
+static void deliver(const char* event, const struct client* sender) {
+    struct object* obj;
+
+    event_seq++;
+    list_for_each_entry(obj, &listening, listening_entry) {
+        if (obj->owner == sender || obj->owner->dead || !object_listens_to(obj, event))
+            continue;
+        msg_start();
+        blob_put_int32(&msg_buf, UBUS_ATTR_OBJID, obj->id.id);
+        blob_put_string(&msg_buf, UBUS_ATTR_METHOD, event);
+        blob_put_raw(&msg_buf, event_data.head, (unsigned int)blob_raw_len(event_data.head));
+        client_send(obj->owner, UBUS_MSG_INVOKE, event_seq, 0, msg_buf.head, -1);
+    }
+}
+
+static bool has_pattern(struct object* obj, const char* pattern) {
+    struct event_pattern* p;
+
+    list_for_each_entry(p, &obj->event_patterns, entry) {
+        if (!strcmp(p->pattern, pattern))
+            return true;
+    }
+    return false;
+}
+
+int events_register(struct client* cl, struct blob_attr* data) {
+    struct blob_attr* tb[__REGISTER_MAX];
+    struct event_pattern* p;
+    struct object* obj;
+    const char* pattern;
+
+    if (!data || blobmsg_parse(register_policy, __REGISTER_MAX, tb, blob_data(data),
+                               (unsigned int)blob_len(data)) < 0)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (!tb[REGISTER_OBJECT] || !tb[REGISTER_PATTERN])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (!cl->privileged)
+        return UBUS_STATUS_PERMISSION_DENIED;
+    obj = object_find(blobmsg_get_u32(tb[REGISTER_OBJECT]));
+    if (!obj)
+        return UBUS_STATUS_NOT_FOUND;
+    if (obj->owner != cl)
+        return UBUS_STATUS_PERMISSION_DENIED;
+    pattern = blobmsg_get_string(tb[REGISTER_PATTERN]);
+    if (has_pattern(obj, pattern))
+        return UBUS_STATUS_OK;
+    p = malloc(sizeof(*p) + strlen(pattern) + 1);
+    if (!p)
+        return UBUS_STATUS_NO_MEMORY;
+    strcpy(p->pattern, pattern);
+    if (list_empty(&obj->event_patterns))
+        list_add_tail(&obj->listening_entry, &listening);
+    list_add_tail(&p->entry, &obj->event_patterns);
+    return UBUS_STATUS_OK;
+}
+
+int events_send(struct client* cl, struct blob_attr* data) {
+    struct blob_attr* tb[__SEND_MAX];
+    struct blob_attr* cur;
+    const char* event;
+    size_t rem;
+
+    if (!data || blobmsg_parse(send_policy, __SEND_MAX, tb, blob_data(data),
+                               (unsigned int)blob_len(data)) < 0)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (!tb[SEND_ID] || !tb[SEND_DATA])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    event = blobmsg_get_string(tb[SEND_ID]);
+    /* The ubus.* namespace belongs to the daemon. */
+    if (!cl->privileged || !strncmp(event, "ubus.", 5))
+        return UBUS_STATUS_PERMISSION_DENIED;
+    if (blob_buf_init(&event_data, UBUS_ATTR_DATA) < 0)
+        return UBUS_STATUS_NO_MEMORY;
+    blobmsg_for_each_attr(cur, tb[SEND_DATA], rem) {
+        if (!blob_put_raw(&event_data, cur, (unsigned int)blob_raw_len(cur)))
+            return UBUS_STATUS_NO_MEMORY;
+    }
+    deliver(event, cl);
+    return UBUS_STATUS_OK;
+}
+
+static void object_notice(struct object* obj, const char* event) {
+    if (!obj->path || blob_buf_init(&event_data, UBUS_ATTR_DATA) < 0)
+        return;
+    blobmsg_add_u32(&event_data, "id", obj->id.id);
+    blobmsg_add_string(&event_data, "path", obj->path);
+    deliver(event, NULL);
+}
+
+void events_object_added(struct object* obj) {
+    object_notice(obj, "ubus.object.add");
+}
+
+void events_object_removed(struct object* obj) {
+    struct event_pattern *p, *tmp;
+
+    if (!list_empty(&obj->event_patterns)) {
+        list_del(&obj->listening_entry);
+        list_for_each_entry_safe(p, tmp, &obj->event_patterns, entry) {
+            list_del(&p->entry);
+            free(p);
+        }
+    }
+    object_notice(obj, "ubus.object.remove");
+}

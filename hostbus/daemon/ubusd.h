@@ -1,0 +1,142 @@
+/* orvix-ubusd: shared types and the interfaces between the daemon's parts. */
+#ifndef ORVIX_UBUSD_H
+#define ORVIX_UBUSD_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <libubox/avl.h>
+#include <libubox/blob.h>
+#include <libubox/list.h>
+#include <libubox/uloop.h>
+#include <ubusmsg.h>
+
+#include "ubus_config.h"
+
+/* id.c: random 32-bit identifiers, unique within one space, never below 1024. */
+struct ubus_id {
+    struct avl_node avl;
+    uint32_t id;
+};
+
+int id_init(void);
+void id_space_init(struct avl_tree* space);
+/* `usable` may veto a drawn value (NULL accepts any). Returns false if no id was found. */
+bool id_alloc(struct avl_tree* space, struct ubus_id* id, bool (*usable)(uint32_t));
+void id_free(struct avl_tree* space, struct ubus_id* id);
+struct ubus_id* id_find(const struct avl_tree* space, uint32_t id);
+
+/* A message as received: header fields in host order, the blob exactly as sent. */
+struct inmsg {
+    uint8_t type;
+    uint16_t seq;
+    uint32_t peer;
+    struct blob_attr* body;
+    size_t body_len; /* bytes held at body: the blob's raw length */
+    int fd;          /* passed with the message, -1 if none; owned by whoever clears it */
+};
+
+struct lookup;
+
+struct client {
+    struct ubus_id id;
+    struct uloop_fd sock;
+    uid_t uid;
+    bool privileged; /* root, or the daemon's own user: allowed everything */
+    char* user;
+    char* group;
+    struct list_head objects; /* struct object, in creation order */
+
+    /* Reassembly of the message being received. */
+    uint8_t in_head[sizeof(struct ubus_msghdr) + sizeof(struct blob_attr)];
+    size_t in_have; /* bytes of the current message received so far */
+    struct blob_attr* in_body;
+    size_t in_cap;
+    int in_fd;
+
+    /* Messages waiting for the socket to become writable. */
+    struct list_head outq;
+    size_t outq_bytes;
+
+    struct lookup* lookup; /* a listing in progress; input is paused meanwhile */
+    bool dead;
+    struct list_head dead_entry;
+};
+
+/* client.c */
+void clients_init(void);
+void listener_start(int fd);
+struct client* client_find(uint32_t id);
+/* Takes the client off the bus; it is freed once the current callback has returned. */
+void client_disconnect(struct client* cl);
+/* Re-arms the socket for the events the client's state calls for. */
+void client_update_events(struct client* cl);
+
+/* outq.c: `fd` is consumed (passed on or closed). */
+void client_send(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
+                 const struct blob_attr* body, int fd);
+bool client_queue_empty(const struct client* cl);
+/* Writes what the socket takes; false when the client had to be disconnected. */
+bool client_flush(struct client* cl);
+void client_queue_clear(struct client* cl);
+
+/* msg.c */
+extern struct blob_buf msg_buf; /* shared scratch buffer for building replies */
+void msg_parse(const struct inmsg* msg, struct blob_attr** tb);
+void msg_start(void);
+void msg_send(struct client* cl, uint8_t type, const struct inmsg* req);
+void msg_send_status(struct client* cl, const struct inmsg* req, int status);
+
+/* proto.c */
+void proto_dispatch(struct client* cl, struct inmsg* msg);
+
+/* object.c */
+struct object_type {
+    struct ubus_id id;
+    unsigned int refs;
+    unsigned int n_methods;
+    struct blob_attr* signature; /* a SIGNATURE attribute, rebuilt from the checked entries */
+};
+
+struct object {
+    struct ubus_id id;
+    struct avl_node path_node; /* in the path index, if the object has a path */
+    char* path;                /* NULL for anonymous objects */
+    struct object_type* type;  /* NULL: never listed, still invocable by id */
+    struct client* owner;
+    struct list_head owner_entry;
+    struct list_head event_patterns;  /* events it listens to */
+    struct list_head listening_entry; /* among the listening objects, while it has patterns */
+};
+
+void objects_init(void);
+struct object* object_find(uint32_t id);
+struct object* object_find_path(const char* path);
+/* Creates an object as ADD_OBJECT asks; returns a status, *out set on success. */
+int object_create(struct client* owner, struct blob_attr** tb, struct object** out);
+/* Removes and frees the object; returns true when it was the last user of its type
+ * (whose id is then stored in *type_id). */
+bool object_destroy(struct object* obj, uint32_t* type_id);
+/* The first object whose path sorts at or after `path`, then the next one; NULL at the end. */
+struct object* object_first_from(const char* path);
+struct object* object_next(struct object* obj);
+bool object_visible_to(const struct object* obj, const struct client* cl);
+
+/* lookup.c */
+void lookup_start(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
+void lookup_continue(struct client* cl);
+void lookup_cancel(struct client* cl);
+
+/* events.c */
+int events_register(struct client* cl, struct blob_attr* data);
+int events_send(struct client* cl, struct blob_attr* data);
+void events_object_added(struct object* obj);
+void events_object_removed(struct object* obj);
+
+/* sysobj.c */
+void sysobj_invoke(struct client* cl, const struct inmsg* msg, uint32_t objid, const char* method,
+                   struct blob_attr* data);
+
+#endif
