@@ -1,0 +1,63 @@
+# Installation: the public headers, liborvix (and liborvix-asio when built), a CMake
+# package giving orvix::orvix (and orvix::asio) to find_package(orvix), and orvix.pc.
+#
+# With hostbus, its libubox and libubus (libraries and headers) are installed alongside:
+# a consumer on a desktop has no other ones, and liborvix was built against these.
+
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(ORVIX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/orvix)
+set(ORVIX_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(_orvix_installed_targets orvix)
+if(TARGET orvix_asio)
+    list(APPEND _orvix_installed_targets orvix_asio)
+endif()
+install(TARGETS ${_orvix_installed_targets} EXPORT orvix-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(EXPORT orvix-targets
+    NAMESPACE orvix::
+    DESTINATION ${ORVIX_INSTALL_CMAKEDIR})
+
+if(TARGET orvix_asio)
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/orvix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+else()
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/orvix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        PATTERN asio_event_loop.h EXCLUDE)
+endif()
+
+if(ORVIX_USING_HOSTBUS)
+    # Exported as ubus::ubox and ubus::ubus, the names the export of orvix refers to.
+    install(TARGETS ubox ubus EXPORT orvix-hostbus-targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT orvix-hostbus-targets
+        NAMESPACE ubus::
+        DESTINATION ${ORVIX_INSTALL_CMAKEDIR})
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/hostbus/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
+
+configure_package_config_file(
+    ${CMAKE_CURRENT_LIST_DIR}/orvix-config.cmake.in
+    ${PROJECT_BINARY_DIR}/orvix-config.cmake
+    INSTALL_DESTINATION ${ORVIX_INSTALL_CMAKEDIR}
+    PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/orvix-config-version.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/orvix-config.cmake
+    ${PROJECT_BINARY_DIR}/orvix-config-version.cmake
+    DESTINATION ${ORVIX_INSTALL_CMAKEDIR})
+
+# orvix.pc locates the prefix from its own place, so it stays right under any --prefix.
+file(RELATIVE_PATH ORVIX_PC_PREFIX_FROM_PCFILEDIR
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" ORVIX_PC_PREFIX_FROM_PCFILEDIR "${ORVIX_PC_PREFIX_FROM_PCFILEDIR}")
+file(RELATIVE_PATH ORVIX_PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH ORVIX_PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/orvix.pc.in ${PROJECT_BINARY_DIR}/orvix.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/orvix.pc DESTINATION ${ORVIX_INSTALL_PKGCONFIGDIR})
