@@ -1,17 +1,204 @@
 #pragma once
 
+#include <libubus.h>
+
+#include <orvix/blob/attr.h>
+#include <orvix/client.h>
+#include <orvix/misc/signal.h>
+#include <orvix/utils/event_loop.h>
+#include <orvix/utils/link.h>
+
+#include <chrono>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <system_error>
+#include <thread>
+#include <typeindex>
+#include <utility>
 
 namespace orvix {
 
-/// The bus client. For now it holds the mapping between ubus statuses and error codes.
-class client_impl {
+/// The one client of the process. Public operations, the handler lists and the
+/// published objects belong to the caller's event loop; the bus context, the
+/// requests handed to libubus and the registered objects belong to the loop thread,
+/// where every `_sync` member runs. The two sides meet only through posted tasks.
+class client_impl : public client {
 public:
-    /// A ubus status as an error code of the msg category (value 9 for unknown ones).
-    static std::error_code to_msg_error(int status);
+    class invoke_ctx;
+    class object_ctx;
+    class ubus_object_ctx;
+    class exchange_ctx;
 
-    /// An error code as the ubus status sent back on the bus.
+    using error_handler = std::function<void(const std::error_code&)>;
+    using error_handler_list = std::list<std::shared_ptr<error_handler>>;
+    using invoke_handler =
+        std::function<void(const std::list<blob::attr>&, const std::error_code&)>;
+    using method_handler = std::function<void(const std::shared_ptr<client::exchange_ctx>&)>;
+    using method_table =
+        std::map<std::string,
+                 std::pair<method_handler, std::multimap<std::string, std::type_index>>>;
+
+    static client_impl& get_instance(const std::weak_ptr<utils::event_loop>& eloop);
+
+    explicit client_impl(const std::weak_ptr<utils::event_loop>& eloop);
+    ~client_impl() override;
+
+    client_impl(const client_impl&) = delete;
+    client_impl& operator=(const client_impl&) = delete;
+
+    utils::link connect(const error_handler& handler) override;
+    utils::link
+    auto_connect(const std::function<std::chrono::seconds(long long)>& backoff) override;
+    utils::link disconnect(const error_handler& handler) override;
+    utils::link notify_on_state_change(const std::function<void(state)>& handler) override;
+    state get_state() const override;
+    bool is_active() const override;
+    utils::link invoke(const std::string& object, const std::string& method,
+                       const std::multimap<std::string, blob::attr>& args,
+                       const invoke_handler& handler, const std::chrono::seconds& timeout) override;
+    utils::link add_object(const std::string& name, const method_table& methods,
+                           const error_handler& handler) override;
+    utils::link del_object(const std::string& name, bool keep,
+                           const error_handler& handler) override;
+    void cancel() override;
+    void set_socket_path(const std::string& path) override;
+    std::string get_socket_path() const override;
+
+    void disable_auto_connect();
+
+    /// The bound event loop; std::runtime_error once it has gone.
+    utils::event_loop* get_eloop();
+    /// Expires when the client is cancelled or destroyed.
+    std::weak_ptr<void> get_tracker() const;
+
+    /// Runs `fn` on the caller's event loop, unless the client has gone by then.
+    void post(const std::function<void()>& fn);
+    /// Runs `fn` on the loop thread.
+    void post_to_uloop(std::function<void()>&& fn);
+    /// Queues `fn` for the caller's event loop, from any thread.
+    void schedule_task(std::function<void()>&& fn);
+    /// Queues `fn` for the caller's event loop from the loop thread, subject to the
+    /// drain hold.
+    void post_from_uloop(std::function<void()>&& fn);
+    void process_task_queue();
+
+    /// The error code for a status that libubus reports.
+    static std::error_code to_msg_error(int status);
+    /// The status to send on the bus for the outcome of a served call.
     static int to_ubus_msg_status(const std::error_code& ec);
+
+private:
+    using request_map = std::map<ubus_request*, std::shared_ptr<ubus_request>>;
+    using registration_map = std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>;
+    using object_map = std::map<ubus_object*, std::shared_ptr<object_ctx>>;
+
+    /// What went with a freed bus context: its requests and registered objects.
+    struct freed_context {
+        request_map requests;
+        registration_map objects;
+    };
+
+    /// Calls `handler` with `ec` from the task queue; the link cancels the call.
+    utils::link schedule_result(const error_handler& handler, const std::error_code& ec);
+
+    // Connection.
+    void connect_impl();
+    void request_connection();
+    void request_disconnect();
+    void on_state_change(state s);
+    void on_req_done(misc::signal<void, const std::error_code&>& done, state s,
+                     const std::error_code& ec);
+    void connect_sync(const std::string& path, const std::weak_ptr<void>& epoch);
+    void on_connect_done(bool connected, const std::weak_ptr<void>& epoch);
+    void disconnect_sync(const std::weak_ptr<void>& epoch);
+    void lost_context_sync(ubus_context* lost);
+    void lose_context_sync();
+    freed_context free_context_sync();
+    void on_context_freed(const freed_context& freed);
+    void on_disconnect_done(const std::weak_ptr<void>& epoch);
+    void on_connection_lost();
+    /// The bus context when it can carry traffic, else null.
+    ubus_context* live_context_sync() const;
+    static void connection_lost_handler(ubus_context* ctx);
+
+    // Invocation.
+    void invoke_sync(const std::string& object, const std::string& method,
+                     const std::multimap<std::string, blob::attr>& args,
+                     const std::shared_ptr<ubus_request>& request, std::weak_ptr<invoke_ctx>& ctx);
+    static void invoke_req_data_handler(ubus_request* req, int type, blob_attr* msg);
+    static void invoke_req_done_handler(ubus_request* req, int ret);
+    void on_invoke_failed(ubus_request* request, const std::error_code& ec);
+    void on_invoke_reply(ubus_request* request, blob::attr&& reply, const std::error_code& ec);
+    void on_invoke_done(ubus_request* request, const std::error_code& ec);
+    void on_invoke_timeout(ubus_request* request);
+    void cancel_invoke(const std::weak_ptr<invoke_ctx>& ctx);
+    void abort_request_sync(const std::shared_ptr<ubus_request>& request);
+
+    // Publishing and dispatch.
+    void add_object_sync(const std::weak_ptr<object_ctx>& ctx,
+                         const error_handler_list::iterator& handler_pos,
+                         const std::weak_ptr<error_handler>& handler);
+    void del_object_sync(const std::shared_ptr<object_ctx>& ctx,
+                         const error_handler_list::iterator& handler_pos,
+                         const std::weak_ptr<error_handler>& handler);
+    std::error_code register_object_sync(const std::shared_ptr<object_ctx>& ctx);
+    void register_published_objects();
+    void on_object_added(const std::weak_ptr<object_ctx>& ctx, const std::error_code& ec);
+    void on_object_deleted(const std::shared_ptr<object_ctx>& ctx, const std::error_code& ec);
+    /// A removal cut short by the end of the connection: the object is forgotten or
+    /// stays published, as del_object's `keep` asked.
+    void settle_removal(const object_map::iterator& it);
+    std::shared_ptr<object_ctx> find_published(const std::string& name) const;
+    utils::link pending_handler_link(error_handler_list& list,
+                                     const error_handler_list::iterator& pos);
+    void finish_pending(error_handler_list& list, const error_handler_list::iterator& pos,
+                        const std::weak_ptr<error_handler>& handler, const std::error_code& ec);
+    static int method_callable(ubus_context* ctx, ubus_object* obj, ubus_request_data* req,
+                               const char* method, blob_attr* msg);
+    void dispatch(ubus_object* obj, const std::string& method,
+                  std::multimap<std::string, blob::attr>&& args,
+                  const std::shared_ptr<ubus_request_data>& request);
+    void complete_request_sync(const std::weak_ptr<void>& connection,
+                               const std::shared_ptr<ubus_request_data>& request, int status);
+
+    void run_loop();
+
+    std::string prefix;
+    std::weak_ptr<utils::event_loop> eloop;
+    state current_state;
+    misc::signal<void, state> state_handlers;
+    misc::signal<void, const std::error_code&> connect_handlers;
+    misc::signal<void, const std::error_code&> disconnect_handlers;
+    std::mutex task_mutex;
+    std::deque<std::function<void()>> task_queue;
+    std::map<ubus_request*, std::shared_ptr<invoke_ctx>> pending_invokes;
+    request_map active_requests;
+    error_handler_list add_handlers;
+    error_handler_list del_handlers;
+    error_handler_list send_handlers;
+    std::thread loop_thread;
+    std::mutex gate_mutex;
+    bool drain_hold;
+    long long attempts;
+    std::shared_ptr<utils::timer> reconnect_timer;
+    std::shared_ptr<std::function<std::chrono::seconds(long long)>> backoff;
+    ubus_context* bus_context;
+    object_map published_objects;
+    registration_map registered_objects;
+    std::shared_ptr<void> token;
+    // Socket of later connection attempts; empty for libubus's default.
+    std::string socket_path;
+    // Held while connected; served calls watch it to know whether their connection
+    // is still the one that delivered them.
+    std::shared_ptr<void> connection;
+    // What stopped the loop thread's first run, if anything did.
+    std::exception_ptr loop_failure;
 };
 
 } // namespace orvix

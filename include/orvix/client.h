@@ -1,0 +1,135 @@
+#pragma once
+
+#include <orvix/blob/attr.h>
+#include <orvix/utils/event_loop.h>
+#include <orvix/utils/link.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <typeindex>
+#include <utility>
+
+namespace orvix {
+
+/// The process's one client of the ubus bus.
+///
+/// Every operation is called on the program's event loop (the one given to the first
+/// get_instance), and every handler runs there later: never inside the call that
+/// registered it, at most once for a completion handler, and not at all once the link
+/// returned for it has been released. Bus outcomes reach handlers as std::error_code in
+/// the categories of <orvix/error.h>; they are never thrown.
+class client {
+public:
+    /// Connection state.
+    enum class state : std::uint32_t {
+        disconnected = 0, ///< no connection; the initial state
+        connecting = 1,   ///< a connection attempt is under way
+        connected = 2,    ///< connected; is_active() is true only here
+        disconnecting = 3 ///< the connection is being closed
+    };
+
+    /// The context of one call of a published method. The method's handler reads the
+    /// call's arguments, sends zero or more replies with send(), and completes the call
+    /// with respond(), now or later. Dropping the last reference without respond()
+    /// completes the call with success.
+    class exchange_ctx {
+    public:
+        explicit exchange_ctx(std::multimap<std::string, blob::attr>&& args);
+        virtual ~exchange_ctx();
+
+        /// True once the call was answered, or its connection is gone.
+        virtual bool expired() const = 0;
+
+        /// Sends one reply message. `handler` gets the outcome (value 10, "Connection
+        /// failed", when the call can no longer be answered).
+        virtual utils::link send(const std::multimap<std::string, blob::attr>& data,
+                                 const std::function<void(const std::error_code&)>& handler) = 0;
+
+        /// Completes the call with `status`; later calls do nothing.
+        virtual void respond(const std::error_code& status) = 0;
+
+        /// False exactly when expired().
+        explicit operator bool() const { return !expired(); }
+
+        /// The decoded arguments of the call.
+        std::multimap<std::string, blob::attr> args;
+    };
+
+    /// The process-wide client, bound for life to the first live event loop given.
+    /// Later calls may pass an empty pointer. Throws std::runtime_error when the first
+    /// loop is missing or expired, or when a different live loop is given later.
+    static client& get_instance(const std::weak_ptr<utils::event_loop>& eloop);
+
+    virtual ~client() = default;
+
+    /// Connects once; ends automatic reconnection. `handler` gets success, or the
+    /// generic "Unknown error" when the daemon cannot be reached.
+    virtual utils::link connect(const std::function<void(const std::error_code&)>& handler) = 0;
+
+    /// Connects now and again after every loss or failed attempt, waiting
+    /// backoff(attempt) first (attempts counted from 1, reset once connected). A delay
+    /// below one second ends reconnection. Releasing the link ends it too.
+    virtual utils::link
+    auto_connect(const std::function<std::chrono::seconds(long long)>& backoff) = 0;
+
+    /// Disconnects; ends automatic reconnection.
+    virtual utils::link disconnect(const std::function<void(const std::error_code&)>& handler) = 0;
+
+    /// Calls `handler` with every change of state until the link is released.
+    virtual utils::link notify_on_state_change(const std::function<void(state)>& handler) = 0;
+
+    virtual state get_state() const = 0;
+
+    /// True while connected.
+    virtual bool is_active() const = 0;
+
+    /// Calls `method` of the remote `object` with `args`. `handler` gets every reply
+    /// (each a table) and the final status once; a `timeout` of zero waits for ever.
+    /// Invokes still pending when the connection goes complete with an error: "Request
+    /// timed out" when the connection is lost (as libubus reports requests outstanding
+    /// on a lost connection), "Connection failed" after disconnect(), the generic
+    /// "Aborted" after cancel().
+    virtual utils::link
+    invoke(const std::string& object, const std::string& method,
+           const std::multimap<std::string, blob::attr>& args,
+           const std::function<void(const std::list<blob::attr>&, const std::error_code&)>& handler,
+           const std::chrono::seconds& timeout) = 0;
+
+    /// Publishes an object under `name`: method name to its handler and its argument
+    /// policy (argument name to the value type it must carry). An object stays published
+    /// until del_object: when the connection is lost it is registered again after the
+    /// next connection. An add_object that fails (for instance while disconnected,
+    /// "Connection failed") leaves nothing behind and may be retried.
+    virtual utils::link
+    add_object(const std::string& name,
+               const std::map<std::string,
+                              std::pair<std::function<void(const std::shared_ptr<exchange_ctx>&)>,
+                                        std::multimap<std::string, std::type_index>>>& methods,
+               const std::function<void(const std::error_code&)>& handler) = 0;
+
+    /// Withdraws the object `name`. `keep` decides only what happens when the connection
+    /// ends before the removal is done: with `keep` true the object stays published and
+    /// is registered again after the next connection; with `keep` false it is forgotten.
+    /// cancel() aborts pending removals: their objects stay published.
+    virtual utils::link del_object(const std::string& name, bool keep,
+                                   const std::function<void(const std::error_code&)>& handler) = 0;
+
+    /// Aborts everything pending (handlers get the generic "Aborted") and disconnects;
+    /// the client stays usable.
+    virtual void cancel() = 0;
+
+    /// Chooses the bus socket used by later connection attempts; an empty path means
+    /// libubus's default socket.
+    virtual void set_socket_path(const std::string& path) = 0;
+
+    /// The socket chosen with set_socket_path; empty for the default.
+    virtual std::string get_socket_path() const = 0;
+};
+
+} // namespace orvix

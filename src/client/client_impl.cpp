@@ -1,0 +1,159 @@
+#include "client/client_impl.h"
+
+#include <orvix/misc/link_handler.h>
+#include <orvix/uloop.h>
+
+#include <stdexcept>
+#include <utility>
+
+namespace orvix {
+
+client_impl& client_impl::get_instance(const std::weak_ptr<utils::event_loop>& eloop) {
+    static client_impl instance(eloop);
+    const auto requested = eloop.lock();
+    if (!requested) {
+        return instance;
+    }
+    const auto bound = instance.eloop.lock();
+    if (!bound || bound != requested) {
+        throw std::runtime_error(instance.prefix + "Instance of event loop can't be changed");
+    }
+    return instance;
+}
+
+client_impl::client_impl(const std::weak_ptr<utils::event_loop>& eloop)
+    : prefix("orvix_impl::client: "), eloop(eloop), current_state(state::disconnected),
+      drain_hold(true), attempts(0), bus_context(nullptr) {
+    reconnect_timer = get_eloop()->make_timer();
+    token = std::make_shared<char>(0);
+    if (eloop.expired()) {
+        throw std::runtime_error(prefix + "Missing/expired event loop");
+    }
+    reconnect_timer->wait([this] { connect_impl(); });
+    // A loop left running by an earlier owner is stopped before this client's thread
+    // takes it over.
+    uloop::get_instance().exit();
+    loop_thread = std::thread([this] { run_loop(); });
+}
+
+client_impl::~client_impl() {
+    std::atomic_store(&token, std::shared_ptr<void>());
+    uloop::get_instance().post([this] {
+        if (bus_context) {
+            uloop_fd_delete(&bus_context->sock);
+            ubus_free(bus_context);
+            bus_context = nullptr;
+        }
+        uloop::get_instance().exit();
+    });
+    loop_thread.join();
+}
+
+void client_impl::run_loop() {
+    auto& loop = uloop::get_instance();
+    try {
+        loop.run();
+        return;
+    } catch (...) {
+        // Kept rather than rethrown: an exception leaving this thread would end the
+        // process.
+        loop_failure = std::current_exception();
+    }
+    // The bus socket was watched by the loop that has gone, so nothing more can be
+    // read from it. The context is given up as lost, and the loop runs on only to
+    // answer what is still posted: with no context and connecting refused, every
+    // later request fails with "Connection failed".
+    try {
+        loop.post([this] { lose_context_sync(); });
+        loop.run();
+    } catch (...) {
+        // A second failure ends the thread; what is posted afterwards is never run.
+    }
+}
+
+utils::event_loop* client_impl::get_eloop() {
+    const auto loop = eloop.lock();
+    if (!loop) {
+        throw std::runtime_error(prefix + "No event loop");
+    }
+    return loop.get();
+}
+
+std::weak_ptr<void> client_impl::get_tracker() const {
+    return token;
+}
+
+void client_impl::post(const std::function<void()>& fn) {
+    // Called from the loop thread too, while cancel() may replace the token.
+    const auto current = std::atomic_load(&token);
+    if (!current) {
+        return;
+    }
+    get_eloop()->post(misc::tie_handler(fn, current));
+}
+
+void client_impl::post_to_uloop(std::function<void()>&& fn) {
+    {
+        std::lock_guard<std::mutex> lock(gate_mutex);
+        if (drain_hold) {
+            drain_hold = false;
+            post([this] { process_task_queue(); });
+        }
+    }
+    uloop::get_instance().post(std::move(fn));
+}
+
+void client_impl::schedule_task(std::function<void()>&& fn) {
+    bool was_empty = false;
+    {
+        std::lock_guard<std::mutex> lock(task_mutex);
+        was_empty = task_queue.empty();
+        task_queue.push_back(std::move(fn));
+    }
+    // Tasks held back by the drain hold have no drain of their own, so this task
+    // would wait with them: it releases the hold, as the next hop to the loop thread
+    // would.
+    std::lock_guard<std::mutex> lock(gate_mutex);
+    if (was_empty || drain_hold) {
+        drain_hold = false;
+        post([this] { process_task_queue(); });
+    }
+}
+
+void client_impl::post_from_uloop(std::function<void()>&& fn) {
+    bool was_empty = false;
+    {
+        std::lock_guard<std::mutex> lock(task_mutex);
+        was_empty = task_queue.empty();
+        task_queue.push_back(std::move(fn));
+    }
+    if (!was_empty) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(gate_mutex);
+    if (!drain_hold) {
+        post([this] { process_task_queue(); });
+    }
+}
+
+void client_impl::process_task_queue() {
+    std::deque<std::function<void()>> batch;
+    {
+        std::lock_guard<std::mutex> lock(task_mutex);
+        batch.swap(task_queue);
+    }
+    for (auto& task : batch) {
+        task();
+    }
+}
+
+utils::link client_impl::schedule_result(const error_handler& handler, const std::error_code& ec) {
+    if (!handler) {
+        return {};
+    }
+    auto wrapped = misc::link_handler(handler, false);
+    schedule_task([call = std::move(wrapped.first), ec]() mutable { call(ec); });
+    return wrapped.second;
+}
+
+} // namespace orvix

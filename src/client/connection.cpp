@@ -1,0 +1,338 @@
+#include "client/client_impl.h"
+#include "client/invoke_ctx.h"
+#include "client/object_ctx.h"
+
+#include <orvix/error.h>
+#include <orvix/misc/link.h>
+#include <orvix/uloop.h>
+
+#include <climits>
+#include <utility>
+#include <vector>
+
+namespace orvix {
+
+utils::link client_impl::connect(const error_handler& handler) {
+    disable_auto_connect();
+    if (!token) {
+        return handler ? connect_handlers.connect(handler) : utils::link();
+    }
+    if (current_state != state::connected) {
+        auto lnk = handler ? connect_handlers.connect(handler) : utils::link();
+        connect_impl();
+        return lnk;
+    }
+    return schedule_result(handler, std::error_code());
+}
+
+utils::link
+client_impl::auto_connect(const std::function<std::chrono::seconds(long long)>& backoff_fn) {
+    disable_auto_connect();
+    backoff = std::make_shared<std::function<std::chrono::seconds(long long)>>(backoff_fn);
+    if (!backoff_fn) {
+        return {};
+    }
+    auto lnk = misc::create_link(backoff, [this] { disable_auto_connect(); });
+    connect_impl();
+    return lnk;
+}
+
+utils::link client_impl::disconnect(const error_handler& handler) {
+    disable_auto_connect();
+    if (!token) {
+        return handler ? disconnect_handlers.connect(handler) : utils::link();
+    }
+    if (current_state == state::disconnected) {
+        return schedule_result(handler, std::error_code());
+    }
+    auto lnk = handler ? disconnect_handlers.connect(handler) : utils::link();
+    if (current_state == state::connecting) {
+        on_state_change(state::disconnecting);
+    } else if (current_state == state::connected) {
+        request_disconnect();
+    }
+    return lnk;
+}
+
+void client_impl::disable_auto_connect() {
+    if (token) {
+        reconnect_timer->stop();
+    }
+    attempts = 0;
+    backoff.reset();
+}
+
+utils::link client_impl::notify_on_state_change(const std::function<void(state)>& handler) {
+    return state_handlers.connect(handler);
+}
+
+client::state client_impl::get_state() const {
+    return current_state;
+}
+
+bool client_impl::is_active() const {
+    return current_state == state::connected;
+}
+
+void client_impl::set_socket_path(const std::string& path) {
+    socket_path = path;
+}
+
+std::string client_impl::get_socket_path() const {
+    return socket_path;
+}
+
+void client_impl::connect_impl() {
+    if (!token || current_state == state::connected) {
+        return;
+    }
+    if (current_state == state::disconnecting) {
+        // The disconnect in flight is followed by the connection.
+        on_state_change(state::connecting);
+    } else if (current_state == state::disconnected) {
+        request_connection();
+    }
+}
+
+void client_impl::request_connection() {
+    post_to_uloop([this, path = socket_path, epoch = get_tracker()] { connect_sync(path, epoch); });
+    on_state_change(state::connecting);
+}
+
+void client_impl::request_disconnect() {
+    connection.reset();
+    post_to_uloop([this, epoch = get_tracker()] { disconnect_sync(epoch); });
+    on_state_change(state::disconnecting);
+}
+
+void client_impl::on_state_change(state s) {
+    if (s == current_state) {
+        return;
+    }
+    current_state = s;
+    if (s == state::connected) {
+        attempts = 0;
+    }
+    if (s == state::disconnected && backoff && *backoff) {
+        if (attempts != LLONG_MAX) {
+            ++attempts;
+        }
+        // A copy, in case the back-off function replaces itself.
+        const auto fn = backoff;
+        const auto delay = (*fn)(attempts);
+        if (delay >= std::chrono::seconds(1)) {
+            reconnect_timer->expires_after(delay);
+        } else {
+            disable_auto_connect();
+        }
+    }
+    // Weak references, and each handler called through a copy, so that handlers may
+    // add links or release any link, their own included, while being called.
+    std::vector<std::weak_ptr<std::function<void(state)>>> handlers(
+        state_handlers.subscribers().begin(), state_handlers.subscribers().end());
+    for (const auto& weak : handlers) {
+        std::function<void(state)> handler;
+        if (const auto subscriber = weak.lock()) {
+            handler = *subscriber;
+        }
+        if (handler) {
+            handler(s);
+        }
+    }
+}
+
+void client_impl::on_req_done(misc::signal<void, const std::error_code&>& done, state s,
+                              const std::error_code& ec) {
+    on_state_change(s);
+    // Moved out before the list is cleared, so that the links report inactive before
+    // any handler runs.
+    std::vector<error_handler> handlers;
+    for (auto& subscriber : done.subscribers()) {
+        handlers.push_back(std::move(*subscriber));
+    }
+    done.subscribers().clear();
+    for (auto& handler : handlers) {
+        if (handler) {
+            handler(ec);
+        }
+    }
+}
+
+void client_impl::cancel() {
+    disable_auto_connect();
+    std::atomic_store(&token, std::shared_ptr<void>());
+    request_disconnect();
+    for (auto& entry : published_objects) {
+        entry.second->keep = false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(gate_mutex);
+        drain_hold = true;
+    }
+    const std::error_code aborted = error::make_error_code(error::generic::aborted);
+    while (!pending_invokes.empty()) {
+        const auto ctx = std::move(pending_invokes.begin()->second);
+        pending_invokes.erase(pending_invokes.begin());
+        const auto replies = std::move(ctx->replies);
+        const auto handler = std::move(ctx->handler);
+        ctx->timer.reset();
+        if (handler) {
+            handler(replies, aborted);
+        }
+    }
+    for (auto* pending : {&add_handlers, &del_handlers, &send_handlers}) {
+        while (!pending->empty()) {
+            error_handler handler = std::move(*pending->front());
+            pending->pop_front();
+            if (handler) {
+                handler(aborted);
+            }
+        }
+    }
+    process_task_queue();
+    on_req_done(disconnect_handlers, state::disconnected, std::error_code());
+    on_req_done(connect_handlers, state::disconnected, aborted);
+    std::atomic_store(&token, std::shared_ptr<void>(std::make_shared<char>(0)));
+    post([this] { process_task_queue(); });
+}
+
+void client_impl::on_connect_done(bool connected, const std::weak_ptr<void>& epoch) {
+    // After cancel() the connection is freed by the disconnect that cancel() posted.
+    if (epoch.expired()) {
+        return;
+    }
+    const std::error_code ec =
+        connected ? std::error_code() : error::make_error_code(error::generic::unknown_error);
+    if (current_state == state::disconnecting) {
+        // A disconnect came in while connecting; it is carried out now.
+        on_req_done(connect_handlers, state::disconnecting, ec);
+        if (connected) {
+            request_disconnect();
+        } else {
+            on_req_done(disconnect_handlers, state::disconnected, std::error_code());
+        }
+        return;
+    }
+    if (connected) {
+        connection = std::make_shared<char>(0);
+        register_published_objects();
+    }
+    on_req_done(connect_handlers, connected ? state::connected : state::disconnected, ec);
+}
+
+void client_impl::on_disconnect_done(const std::weak_ptr<void>& epoch) {
+    if (epoch.expired()) {
+        return;
+    }
+    if (current_state == state::connecting) {
+        // A connect came in while disconnecting.
+        on_req_done(disconnect_handlers, state::connecting, std::error_code());
+        request_connection();
+        return;
+    }
+    on_req_done(disconnect_handlers, state::disconnected, std::error_code());
+}
+
+void client_impl::on_connection_lost() {
+    // Without the token a disconnect has already taken charge of this connection.
+    if (!connection) {
+        return;
+    }
+    connection.reset();
+    on_state_change(state::disconnected);
+}
+
+void client_impl::on_context_freed(const freed_context& freed) {
+    for (const auto& entry : freed.requests) {
+        const auto it = pending_invokes.find(entry.first);
+        if (it == pending_invokes.end()) {
+            continue;
+        }
+        const auto ctx = std::move(it->second);
+        pending_invokes.erase(it);
+        const auto replies = std::move(ctx->replies);
+        const auto handler = std::move(ctx->handler);
+        ctx->timer.reset();
+        if (handler) {
+            handler(replies, error::make_error_code(error::msg::connection_failed));
+        }
+    }
+    for (const auto& entry : freed.objects) {
+        const auto it = published_objects.find(entry.first);
+        if (it != published_objects.end() && it->second->removing) {
+            settle_removal(it);
+        }
+    }
+}
+
+ubus_context* client_impl::live_context_sync() const {
+    return bus_context && !bus_context->sock.eof ? bus_context : nullptr;
+}
+
+void client_impl::connect_sync(const std::string& path, const std::weak_ptr<void>& epoch) {
+    if (!loop_failure) {
+        bus_context = ubus_connect(path.empty() ? nullptr : path.c_str());
+    }
+    if (bus_context) {
+        bus_context->connection_lost = &client_impl::connection_lost_handler;
+        if (uloop_fd_add(&bus_context->sock, ULOOP_READ | ULOOP_BLOCKING) < 0) {
+            ubus_free(bus_context);
+            bus_context = nullptr;
+        }
+    }
+    const bool connected = bus_context != nullptr;
+    post_from_uloop([this, connected, epoch] { on_connect_done(connected, epoch); });
+}
+
+void client_impl::disconnect_sync(const std::weak_ptr<void>& epoch) {
+    post_from_uloop([this, freed = free_context_sync(), epoch] {
+        on_context_freed(freed);
+        on_disconnect_done(epoch);
+    });
+}
+
+void client_impl::lost_context_sync(ubus_context* lost) {
+    // Only if that context is still the current one and has really gone: a disconnect
+    // may have freed it meanwhile, and a new connection may even have its address.
+    if (bus_context != lost || !lost->sock.eof) {
+        return;
+    }
+    lose_context_sync();
+}
+
+void client_impl::lose_context_sync() {
+    post_from_uloop([this, freed = free_context_sync()] {
+        on_context_freed(freed);
+        on_connection_lost();
+    });
+}
+
+client_impl::freed_context client_impl::free_context_sync() {
+    if (bus_context) {
+        uloop_fd_delete(&bus_context->sock);
+        ubus_free(bus_context);
+        bus_context = nullptr;
+    }
+    // Requests still listed went with the context: nothing may abort them any more.
+    for (auto& entry : active_requests) {
+        entry.second->priv = nullptr;
+    }
+    freed_context freed;
+    freed.requests.swap(active_requests);
+    freed.objects.swap(registered_objects);
+    return freed;
+}
+
+void client_impl::connection_lost_handler(ubus_context* ctx) {
+    try {
+        // libubus may still use the context after this returns, so it is only taken
+        // off the loop here and freed by a task that runs afterwards.
+        uloop_fd_delete(&ctx->sock);
+        auto& self = get_instance({});
+        uloop::get_instance().post([&self, ctx] { self.lost_context_sync(ctx); });
+    } catch (...) {
+        uloop::get_instance().exception_handler();
+    }
+}
+
+} // namespace orvix
