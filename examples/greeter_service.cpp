@@ -1,0 +1,120 @@
+// A service that publishes the object "orvix.greeter" and answers its calls later.
+//
+//   greeter_service [-s SOCKET]
+//
+// greet {"name": string}   one reply {"greeting": "Hello, <name>!"}, sent a second later
+// count {"to": int}        the replies {"n": 1} ... {"n": to}, then success
+//
+// It connects with automatic reconnection and runs until SIGINT or SIGTERM.
+
+#include <orvix/client.h>
+#include <orvix/error.h>
+#include <orvix/loops/simple_event_loop.h>
+
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <set>
+#include <string>
+#include <typeindex>
+#include <unistd.h>
+
+namespace {
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+void request_stop(int) {
+    stop_requested = 1;
+}
+
+using call_ptr = std::shared_ptr<orvix::client::exchange_ctx>;
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string socket;
+    for (int opt; (opt = getopt(argc, argv, "s:")) != -1;) {
+        if (opt != 's') {
+            std::cerr << "usage: " << argv[0] << " [-s SOCKET]\n";
+            return 2;
+        }
+        socket = optarg;
+    }
+
+    // The bus may go away while a reply is being written: report that as an error
+    // instead of dying of SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGINT, request_stop);
+    std::signal(SIGTERM, request_stop);
+
+    auto loop = orvix::loops::simple_event_loop::create();
+    auto& bus = orvix::client::get_instance(loop);
+    bus.set_socket_path(socket);
+
+    // Timers of calls still waiting for their answer.
+    std::set<std::shared_ptr<orvix::utils::timer>> delayed;
+
+    auto greet = [&](const call_ptr& call) {
+        std::string name = "world";
+        auto arg = call->args.find("name");
+        if (arg != call->args.end())
+            name = arg->second.get<std::string>();
+
+        auto timer = loop->make_timer();
+        delayed.insert(timer);
+        // The call is answered from the timer, after this handler has returned: the
+        // context keeps the request open until respond().
+        timer->wait([&, call, name, timer] {
+            call->send({{"greeting", orvix::blob::attr("Hello, " + name + "!")}}, {});
+            call->respond(orvix::error::msg::success);
+            loop->post([&delayed, timer] { delayed.erase(timer); });
+        });
+        timer->expires_after(std::chrono::seconds(1));
+    };
+
+    auto count = [](const call_ptr& call) {
+        auto arg = call->args.find("to");
+        if (arg == call->args.end()) {
+            call->respond(orvix::error::msg::invalid_argument);
+            return;
+        }
+        int to = arg->second.get<int>();
+        for (int n = 1; n <= to; ++n)
+            call->send({{"n", orvix::blob::attr(n)}}, {});
+        // Dropping the context without respond() completes the call with success.
+    };
+
+    std::map<std::string, std::pair<std::function<void(const call_ptr&)>,
+                                    std::multimap<std::string, std::type_index>>>
+        methods{
+            {"greet", {greet, {{"name", typeid(std::string)}}}},
+            {"count", {count, {{"to", typeid(unsigned int)}}}},
+        };
+
+    // Publish once the first connection stands; the client registers the object again
+    // by itself after every reconnection.
+    bool published = false;
+    auto state_link = bus.notify_on_state_change([&](orvix::client::state s) {
+        if (s != orvix::client::state::connected || published)
+            return;
+        published = true;
+        bus.add_object("orvix.greeter", methods, [&](const std::error_code& ec) {
+            if (ec) {
+                std::cerr << "publishing orvix.greeter failed: " << ec.message() << "\n";
+                published = false;
+                return;
+            }
+            std::cout << "orvix.greeter published" << std::endl;
+        });
+    });
+
+    auto reconnect = bus.auto_connect(
+        [](long long attempt) { return std::chrono::seconds(attempt < 5 ? attempt : 5); });
+
+    while (!stop_requested)
+        loop->run_for(std::chrono::milliseconds(200));
+
+    bus.cancel();
+    std::cout << "orvix.greeter stopped" << std::endl;
+    return 0;
+}
