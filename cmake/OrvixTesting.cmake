@@ -11,7 +11,7 @@ else()
     set(ORVIX_TEST_UBUSD_PATH "${ORVIX_SYSTEM_UBUSD}")
 endif()
 
-# orvix_add_test(NAME SOURCES ... [LIBRARIES ...] [LABELS ...] [TIMEOUT seconds] [NEEDS_DAEMON])
+# orvix_add_test(NAME SOURCES ... [LIBRARIES ...] [LABELS label...] [TIMEOUT seconds] [NEEDS_DAEMON])
 # Builds a GoogleTest executable and registers each of its tests with CTest.
 # NEEDS_DAEMON passes the bus daemon's path to the test as ORVIX_TEST_UBUSD.
 function(orvix_add_test name)
@@ -30,5 +30,13 @@ function(orvix_add_test name)
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60
-        PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
+        PROPERTIES TIMEOUT ${T_TIMEOUT})
+    # gtest_discover_tests flattens list-valued properties, so the labels are set by a file
+    # that CTest reads after the discovered tests.
+    set(labels_file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${labels_file}
+        "if(${name}_TESTS)\n"
+        "    set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${T_LABELS}\")\n"
+        "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_file})
 endfunction()

@@ -2,8 +2,10 @@
 //
 //   greeter_service [-s SOCKET]
 //
-// greet {"name": string}   one reply {"greeting": "Hello, <name>!"}, sent a second later
-// count {"to": int}        the replies {"n": 1} ... {"n": to}, then success
+// greet [{"name": string}] one reply {"greeting": "Hello, <name>!"} ("world" without a
+//                          name), sent a second later; takes every argument as it comes
+// count {"to": int}        the replies {"n": 1} ... {"n": to}, then success; its argument
+//                          policy makes the client refuse calls without "to"
 //
 // It connects with automatic reconnection and runs until SIGINT or SIGTERM.
 
@@ -14,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <iostream>
+#include <memory>
 #include <set>
 #include <string>
 #include <typeindex>
@@ -56,18 +59,20 @@ int main(int argc, char** argv) {
 
     auto greet = [&](const call_ptr& call) {
         std::string name = "world";
+        // Without a policy the arguments arrive as they were sent: check the kind.
         auto arg = call->args.find("name");
-        if (arg != call->args.end())
+        if (arg != call->args.end() && arg->second.type() == typeid(std::string))
             name = arg->second.get<std::string>();
 
         auto timer = loop->make_timer();
         delayed.insert(timer);
         // The call is answered from the timer, after this handler has returned: the
-        // context keeps the request open until respond().
-        timer->wait([&, call, name, timer] {
+        // context keeps the request open until respond(). The timer keeps its handler, so
+        // the handler holds the timer only weakly lest the two keep each other alive.
+        timer->wait([&, call, name, weak = std::weak_ptr<orvix::utils::timer>(timer)] {
             call->send({{"greeting", orvix::blob::attr("Hello, " + name + "!")}}, {});
             call->respond(orvix::error::msg::success);
-            loop->post([&delayed, timer] { delayed.erase(timer); });
+            loop->post([&delayed, weak] { delayed.erase(weak.lock()); });
         });
         timer->expires_after(std::chrono::seconds(1));
     };
@@ -87,7 +92,7 @@ int main(int argc, char** argv) {
     std::map<std::string, std::pair<std::function<void(const call_ptr&)>,
                                     std::multimap<std::string, std::type_index>>>
         methods{
-            {"greet", {greet, {{"name", typeid(std::string)}}}},
+            {"greet", {greet, {}}},
             {"count", {count, {{"to", typeid(unsigned int)}}}},
         };
 

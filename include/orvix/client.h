@@ -102,7 +102,11 @@ public:
            const std::chrono::seconds& timeout) = 0;
 
     /// Publishes an object under `name`: method name to its handler and its argument
-    /// policy (argument name to the value type it must carry). An object stays published
+    /// policy (argument name to the value type it must carry). A method with an empty
+    /// policy gets every argument as sent. Against a policy, an argument of another type
+    /// is left out (the handler runs without it), while a message libubox cannot parse,
+    /// which includes one with no arguments at all, is refused with "Parsing message data
+    /// failed" and the handler does not run. An object stays published
     /// until del_object: when the connection is lost it is registered again after the
     /// next connection. An add_object that fails (for instance while disconnected,
     /// "Connection failed") leaves nothing behind and may be retried.

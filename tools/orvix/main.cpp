@@ -12,7 +12,9 @@
 #include <orvix/error.h>
 #include <orvix/loops/simple_event_loop.h>
 
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -23,6 +25,10 @@
 namespace {
 
 constexpr int usage_status = 2;
+
+// ubus carries a call's timeout as an int of milliseconds; longer waits would also
+// overflow the clocks that time them.
+constexpr long longest_timeout = INT_MAX / 1000;
 
 int usage(const char* self) {
     std::cerr << "usage: " << self << " [-s SOCKET] [-t SECONDS] [-S] call OBJECT METHOD [JSON]\n"
@@ -35,7 +41,7 @@ int usage(const char* self) {
 // The exit status for a failure: the ubus status itself, or 1 for the library's own
 // outcomes (which have no ubus status).
 int exit_status(const std::error_code& ec) {
-    if (ec.category() == orvix::error::make_error_code(orvix::error::msg::success).category())
+    if (ec.category() == orvix::error::msg_category::get_inst())
         return ec.value();
     return 1;
 }
@@ -54,8 +60,10 @@ int main(int argc, char** argv) {
             break;
         case 't': {
             char* end = nullptr;
+            errno = 0;
             timeout = std::strtol(optarg, &end, 10);
-            if (*optarg == '\0' || *end != '\0' || timeout < 0)
+            if (*optarg == '\0' || *end != '\0' || errno != 0 || timeout < 0 ||
+                timeout > longest_timeout)
                 return usage(argv[0]);
             break;
         }
@@ -77,8 +85,8 @@ int main(int argc, char** argv) {
         try {
             args = orvix::tool::parse_table(argv[optind + 3]);
         } catch (const std::invalid_argument& e) {
-            std::cerr << "orvix: arguments of " << object << " " << method
-                      << " are not a JSON object: " << e.what() << "\n";
+            std::cerr << "orvix: call " << object << " " << method << " failed: " << e.what()
+                      << "\n";
             return static_cast<int>(orvix::error::msg::parse_error);
         }
     }
@@ -95,9 +103,9 @@ int main(int argc, char** argv) {
     orvix::utils::link connecting, calling;
     connecting = bus.connect([&](const std::error_code& ec) {
         if (ec) {
+            // The library reports every failure to connect alike, so its text adds nothing.
             std::cerr << "orvix: cannot connect to the bus"
-                      << (socket.empty() ? std::string() : " at " + socket) << ": " << ec.message()
-                      << "\n";
+                      << (socket.empty() ? std::string() : " at " + socket) << "\n";
             status = static_cast<int>(orvix::error::msg::connection_failed);
             done = true;
             loop->stop();
