@@ -45,70 +45,74 @@ void init(blob_buf* native) {
 
 } // namespace
 
-buf::buf() : prefix("orvix::blob::buff: "), native_buf() {
-    handlers = {
+const std::map<std::type_index, buf::encoder>& buf::encoders() {
+    static const std::map<std::type_index, encoder> all{
         {typeid(std::vector<unsigned char>),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const auto& bytes = value.get<std::vector<unsigned char>>();
-             add_field(BLOBMSG_TYPE_UNSPEC, name, bytes.data(), bytes.size(), "unspec");
+             self.add_field(BLOBMSG_TYPE_UNSPEC, name, bytes.data(), bytes.size(), "unspec");
          }},
         {typeid(array),
-         [this](const std::string& name, const attr& value) {
-             void* cookie = open_nested(name, true, "array");
+         [](buf& self, const std::string& name, const attr& value) {
+             void* cookie = self.open_nested(name, true, "array");
              for (const attr& member : value.get<array>()) {
-                 add("", member);
+                 self.add("", member);
              }
-             blob_nest_end(&native_buf, cookie);
+             blob_nest_end(&self.native_buf, cookie);
          }},
         {typeid(table),
-         [this](const std::string& name, const attr& value) {
-             void* cookie = open_nested(name, false, "table");
+         [](buf& self, const std::string& name, const attr& value) {
+             void* cookie = self.open_nested(name, false, "table");
              for (const auto& member : value.get<table>()) {
-                 add(member.first, member.second);
+                 self.add(member.first, member.second);
              }
-             blob_nest_end(&native_buf, cookie);
+             blob_nest_end(&self.native_buf, cookie);
          }},
         {typeid(std::string),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              // Written as C strings are: up to the first NUL, which ends it.
              const char* text = value.get<std::string>().c_str();
-             add_field(BLOBMSG_TYPE_STRING, name, text, std::strlen(text) + 1, "string");
+             self.add_field(BLOBMSG_TYPE_STRING, name, text, std::strlen(text) + 1, "string");
          }},
         {typeid(unsigned long long),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const auto bytes = big_endian<std::uint64_t>(value.get<unsigned long long>());
-             add_field(BLOBMSG_TYPE_INT64, name, bytes.data(), bytes.size(), "int64");
+             self.add_field(BLOBMSG_TYPE_INT64, name, bytes.data(), bytes.size(), "int64");
          }},
         {typeid(unsigned int),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const auto bytes = big_endian<std::uint32_t>(value.get<unsigned int>());
-             add_field(BLOBMSG_TYPE_INT32, name, bytes.data(), bytes.size(), "int32");
+             self.add_field(BLOBMSG_TYPE_INT32, name, bytes.data(), bytes.size(), "int32");
          }},
         {typeid(unsigned short),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const auto bytes = big_endian<std::uint16_t>(value.get<unsigned short>());
-             add_field(BLOBMSG_TYPE_INT16, name, bytes.data(), bytes.size(), "int16");
+             self.add_field(BLOBMSG_TYPE_INT16, name, bytes.data(), bytes.size(), "int16");
          }},
         {typeid(unsigned char),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const unsigned char byte = value.get<unsigned char>();
-             add_field(BLOBMSG_TYPE_INT8, name, &byte, 1, "int8");
+             self.add_field(BLOBMSG_TYPE_INT8, name, &byte, 1, "int8");
          }},
         {typeid(bool),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              const unsigned char byte = value.get<bool>() ? 1 : 0;
-             add_field(BLOBMSG_TYPE_INT8, name, &byte, 1, "boolean");
+             self.add_field(BLOBMSG_TYPE_INT8, name, &byte, 1, "boolean");
          }},
         {typeid(double),
-         [this](const std::string& name, const attr& value) {
+         [](buf& self, const std::string& name, const attr& value) {
              static_assert(sizeof(double) == sizeof(std::uint64_t), "double must be 64 bits");
              std::uint64_t bits;
              const double number = value.get<double>();
              std::memcpy(&bits, &number, sizeof(bits));
              const auto bytes = big_endian(bits);
-             add_field(BLOBMSG_TYPE_DOUBLE, name, bytes.data(), bytes.size(), "decimal");
+             self.add_field(BLOBMSG_TYPE_DOUBLE, name, bytes.data(), bytes.size(), "decimal");
          }},
     };
+    return all;
+}
+
+buf::buf() : native_buf() {
     // Last, so that nothing is left to free if the constructor fails.
     init(&native_buf);
 }
@@ -122,11 +126,13 @@ buf::~buf() {
 }
 
 void buf::add(const std::string& name, const attr& value) {
-    const auto handler = handlers.find(value.type());
-    if (handler == handlers.end()) {
-        throw std::logic_error(prefix + "Unsupported type [" + type_name(value.type()) + "]");
+    const auto& all = encoders();
+    const auto handler = all.find(value.type());
+    if (handler == all.end()) {
+        throw std::logic_error(std::string(prefix) + "Unsupported type [" +
+                               type_name(value.type()) + "]");
     }
-    handler->second(name, value);
+    handler->second(*this, name, value);
 }
 
 void buf::clear() {
@@ -150,7 +156,7 @@ void buf::add_field(int type, const std::string& name, const void* data, std::si
                     const char* kind) {
     if (!encodable(name, size) || blobmsg_add_field(&native_buf, type, name.c_str(), data,
                                                     static_cast<unsigned int>(size)) != 0) {
-        throw std::runtime_error(prefix + "Faild to handle " + kind);
+        throw std::runtime_error(std::string(prefix) + "Faild to handle " + kind);
     }
 }
 
@@ -158,7 +164,7 @@ void* buf::open_nested(const std::string& name, bool is_array, const char* kind)
     void* cookie =
         encodable(name, 0) ? blobmsg_open_nested(&native_buf, name.c_str(), is_array) : nullptr;
     if (!cookie) {
-        throw std::runtime_error(prefix + "Faild to handle " + kind);
+        throw std::runtime_error(std::string(prefix) + "Faild to handle " + kind);
     }
     return cookie;
 }

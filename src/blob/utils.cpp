@@ -141,9 +141,10 @@ enum blobmsg_type to_blobmsg_type(const std::type_index& type) {
 }
 
 table to_table(blob_attr* msg, const std::multimap<std::string, std::type_index>& policy) {
-    const std::string prefix = "orvix::blob::utils::to_table: ";
+    // Needed only for refusals: a std::string would cost an allocation per call.
+    const char* const prefix = "orvix::blob::utils::to_table: ";
     if (policy.size() > static_cast<std::size_t>(INT_MAX)) {
-        throw std::runtime_error(prefix + "Too big policy");
+        throw std::runtime_error(std::string(prefix) + "Too big policy");
     }
     std::vector<blobmsg_policy> policies;
     policies.reserve(policy.size());
@@ -156,7 +157,7 @@ table to_table(blob_attr* msg, const std::multimap<std::string, std::type_index>
     const auto len = msg ? static_cast<unsigned int>(blob_len(msg)) : 0u;
     if (blobmsg_parse(policies.data(), static_cast<int>(policies.size()), results.data(), data,
                       len) != 0) {
-        throw std::runtime_error(prefix + "Failed to parse message");
+        throw std::runtime_error(std::string(prefix) + "Failed to parse message");
     }
 
     table result;

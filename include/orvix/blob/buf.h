@@ -3,7 +3,6 @@
 #include <orvix/blob/attr.h>
 
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <string>
 #include <typeindex>
@@ -25,7 +24,7 @@ public:
     buf(const std::multimap<std::string, attr>& fields);
     ~buf();
 
-    // The encoders keep a pointer to their own buf.
+    // The libubox buffer cannot be shared or duplicated.
     buf(const buf&) = delete;
     buf& operator=(const buf&) = delete;
 
@@ -46,15 +45,18 @@ public:
     const blob_buf* native() const { return &native_buf; }
 
 private:
-    using encoder = std::function<void(const std::string&, const attr&)>;
+    using encoder = void (*)(buf&, const std::string&, const attr&);
+
+    /// One encoder per value kind, shared by every buf: building it per buf cost more
+    /// than encoding a typical message.
+    static const std::map<std::type_index, encoder>& encoders();
 
     void add_field(int type, const std::string& name, const void* data, std::size_t size,
                    const char* kind);
     void* open_nested(const std::string& name, bool is_array, const char* kind);
 
-    std::string prefix;
+    static constexpr const char* prefix = "orvix::blob::buff: ";
     blob_buf native_buf;
-    std::map<std::type_index, encoder> handlers;
 };
 
 } // namespace blob
