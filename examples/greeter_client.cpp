@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     bus.set_socket_path(socket);
 
     int status = 1;
-    // Links end their registration only when released: keep them for the whole run.
+    // Kept so that the calls could be cancelled; dropping a link cancels nothing.
     orvix::utils::link connecting, calling;
 
     connecting = bus.connect([&](const std::error_code& ec) {
