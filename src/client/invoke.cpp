@@ -59,6 +59,12 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
         request->priv = nullptr;
         post_from_uloop([this, ec, request, ctx] { on_invoke_failed(request.get(), ec); });
     };
+    // libubus refuses a send on a broken socket as an invalid argument; when the socket
+    // has just reached its end that is the connection failing, not the caller's mistake.
+    const auto bus_error = [](ubus_context* bus, int status) {
+        return bus->sock.eof ? error::make_error_code(error::msg::connection_failed)
+                             : to_msg_error(status);
+    };
     ubus_context* bus = live_context_sync();
     if (!bus) {
         fail(error::make_error_code(error::msg::connection_failed));
@@ -67,7 +73,7 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
     std::uint32_t id = 0;
     const int found = ubus_lookup_id(bus, object.c_str(), &id);
     if (found != UBUS_STATUS_OK) {
-        fail(to_msg_error(found));
+        fail(bus_error(bus, found));
         return;
     }
     blob::buf buf;
@@ -80,7 +86,7 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
     const int started =
         ubus_invoke_async_fd(bus, id, method.c_str(), buf.native()->head, request.get(), -1);
     if (started != UBUS_STATUS_OK) {
-        fail(to_msg_error(started));
+        fail(bus_error(bus, started));
         return;
     }
     // Set only now: starting the request zeroes it.
