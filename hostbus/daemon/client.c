@@ -310,7 +310,7 @@ static bool client_id_usable(uint32_t id) {
     return bswap_32(id) > UBUS_CLIENT_ID_CHANNEL;
 }
 
-static void client_new(int fd) {
+void client_new(int fd) {
     struct blob_attr empty = {.id_len = cpu_to_be32(sizeof(struct blob_attr))};
     struct ucred cred;
     socklen_t len = sizeof(cred);

@@ -68,6 +68,8 @@ struct client {
 /* client.c */
 void clients_init(void);
 void listener_start(int fd);
+/* Takes a connected socket on as a client; `fd` is consumed. */
+void client_new(int fd);
 struct client* client_find(uint32_t id);
 /* Takes the client off the bus; it is freed once the current callback has returned. */
 void client_disconnect(struct client* cl);
