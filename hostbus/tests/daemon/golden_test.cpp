@@ -9,96 +9,76 @@ using namespace wire;
 
 namespace {
 
-class Golden : public DaemonTest {};
-
-const Bytes add_demo = hex("00 06 00 01 00 00 00 00"
-                           "00 00 00 50"
-                           "02 00 00 09 64 65 6d 6f 00 00 00 00"
-                           "06 00 00 40"
-                           "82 00 00 2c 00 05 68 65 6c 6c 6f 00"
+const Bytes demo_sig = hex("06 00 00 40 | 82 00 00 2c 00 05 68 65 6c 6c 6f 00"
                            "85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 05"
                            "85 00 00 10 00 03 6d 73 67 00 00 00 00 00 00 03"
                            "82 00 00 10 00 06 73 74 61 74 75 73 00 00 00 00");
-const Bytes demo_signature_bytes(add_demo.begin() + 24, add_demo.end());
+const Bytes add_demo = cat(
+    {hex("00 06 00 01 00 00 00 00 | 00 00 00 50 | 02 00 00 09 64 65 6d 6f 00 00 00 00"), demo_sig});
 const Bytes status_ok_seq1 = hex("00 01 00 01 00 00 00 00 | 00 00 00 0c | 01 00 00 08 00 00 00 00");
+
+class Golden : public DaemonTest {
+protected:
+    static void expect_next(Client& c, const Bytes& expected) {
+        std::optional<Msg> m = c.recv();
+        ASSERT_TRUE(m) << "waiting for " << to_hex(expected);
+        EXPECT_EQ(to_hex(m->raw), to_hex(expected));
+    }
+    // Publishes "demo" as captured; returns the DATA reply.
+    static Msg publish_demo(Client& owner) {
+        owner.send(add_demo);
+        std::optional<Msg> data = owner.recv(), status = owner.recv();
+        EXPECT_TRUE(data && status);
+        return data ? *data : Msg{};
+    }
+};
 
 TEST_F(Golden, HelloIsTwelveBytesInOneWrite) {
     Client c(socket(), false);
     struct pollfd p = {c.fd, POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, 5000), 1);
-    uint8_t buf[64];
     // One read returns the whole greeting: clients read it with a single read().
-    ssize_t n = recv(c.fd, buf, sizeof(buf), MSG_DONTWAIT);
-    ASSERT_EQ(n, 12);
-    Bytes hello(buf, buf + n);
-    EXPECT_EQ(to_hex(Bytes(hello.begin(), hello.begin() + 4)), "00 00 00 00");
-    EXPECT_EQ(to_hex(Bytes(hello.begin() + 8, hello.end())), "00 00 00 04");
-    uint32_t id =
-        (uint32_t(buf[4]) << 24) | (uint32_t(buf[5]) << 16) | (uint32_t(buf[6]) << 8) | buf[7];
-    EXPECT_GE(id, 1024u);
+    uint8_t buf[64];
+    ASSERT_EQ(recv(c.fd, buf, sizeof(buf), MSG_DONTWAIT), 12);
+    EXPECT_EQ(to_hex(Bytes(buf, buf + 4)), "00 00 00 00");
+    EXPECT_EQ(to_hex(Bytes(buf + 8, buf + 12)), "00 00 00 04");
+    EXPECT_GE((uint32_t(buf[4]) << 24) | (uint32_t(buf[5]) << 16) | (buf[6] << 8) | buf[7], 1024u);
 }
 
-TEST_F(Golden, AddObjectReply) {
-    Client owner(socket());
-    owner.send(add_demo);
-    std::optional<Msg> data = owner.recv();
-    ASSERT_TRUE(data);
-    uint32_t id = data->u32(A_OBJID), type = data->u32(A_OBJTYPE);
-    EXPECT_GE(id, 1024u);
-    EXPECT_GE(type, 1024u);
-    EXPECT_EQ(to_hex(data->raw),
-              to_hex(cat({hex("00 02 00 01 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
-                          hex("05 00 00 08"), be32(type)})));
-    std::optional<Msg> status = owner.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), to_hex(status_ok_seq1));
-}
-
-TEST_F(Golden, LookupReplyWithSignature) {
+TEST_F(Golden, AddObjectAndLookupReplies) {
     Client owner(socket()), cli(socket());
-    uint32_t type = 0;
     owner.send(add_demo);
     std::optional<Msg> added = owner.recv();
-    ASSERT_TRUE(added && owner.recv());
-    uint32_t id = added->u32(A_OBJID);
-    type = added->u32(A_OBJTYPE);
+    ASSERT_TRUE(added);
+    uint32_t id = added->u32(A_OBJID), type = added->u32(A_OBJTYPE);
+    EXPECT_GE(id, 1024u);
+    EXPECT_GE(type, 1024u);
+    EXPECT_EQ(to_hex(added->raw),
+              to_hex(cat({hex("00 02 00 01 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
+                          hex("05 00 00 08"), be32(type)})));
+    expect_next(owner, status_ok_seq1);
 
     cli.send(hex("00 04 00 01 00 00 00 00 | 00 00 00 10 | 02 00 00 09 64 65 6d 6f 00 00 00 00"));
-    std::optional<Msg> data = cli.recv();
-    ASSERT_TRUE(data);
-    EXPECT_EQ(to_hex(data->raw),
-              to_hex(cat(
-                  {hex("00 02 00 01 00 00 00 00 | 00 00 00 60 | 02 00 00 09 64 65 6d 6f 00 00 00 00"
-                       "03 00 00 08"),
-                   be32(id), hex("05 00 00 08"), be32(type), demo_signature_bytes})));
-    std::optional<Msg> status = cli.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), to_hex(status_ok_seq1));
+    expect_next(cli, cat({hex("00 02 00 01 00 00 00 00 | 00 00 00 60 | "
+                              "02 00 00 09 64 65 6d 6f 00 00 00 00 | 03 00 00 08"),
+                          be32(id), hex("05 00 00 08"), be32(type), demo_sig}));
+    expect_next(cli, status_ok_seq1);
 }
 
 TEST_F(Golden, InvokeForwardingAndReplyPeerRewrite) {
     Client owner(socket()), caller(socket());
-    owner.send(add_demo);
-    std::optional<Msg> added = owner.recv();
-    ASSERT_TRUE(added && owner.recv());
-    uint32_t obj = added->u32(A_OBJID);
-
-    const Bytes args = hex("85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 01"
+    uint32_t obj = publish_demo(owner).u32(A_OBJID);
+    const Bytes method = hex("04 00 00 0a 68 65 6c 6c 6f 00 00 00");
+    const Bytes args = hex("07 00 00 24 | 85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 01"
                            "83 00 00 0f 00 03 6d 73 67 00 00 00 68 69 00 00");
     caller.send(cat({hex("00 05 00 02"), be32(obj), hex("00 00 00 3c | 03 00 00 08"), be32(obj),
-                     hex("04 00 00 0a 68 65 6c 6c 6f 00 00 00 | 07 00 00 24"), args}));
+                     method, args}));
 
-    std::optional<Msg> invoke = owner.recv();
-    ASSERT_TRUE(invoke);
+    // USER and GROUP name the caller's account ("root" in the capture).
     Bytes user = attr_str(A_USER, user_name()), group = attr_str(A_GROUP, group_name());
-    Bytes blob_body =
-        cat({hex("03 00 00 08"), be32(obj), hex("04 00 00 0a 68 65 6c 6c 6f 00 00 00"), user, group,
-             hex("07 00 00 24"), args});
-    EXPECT_EQ(to_hex(invoke->raw), to_hex(cat({hex("00 05 00 02"), be32(caller.id),
-                                               be32(uint32_t(4 + blob_body.size())), blob_body})));
-    if (user_name() == "root") {
-        EXPECT_EQ(to_hex(user), "0c 00 00 09 72 6f 6f 74 00 00 00 00");
-    }
+    Bytes body = cat({hex("03 00 00 08"), be32(obj), method, user, group, args});
+    expect_next(owner,
+                cat({hex("00 05 00 02"), be32(caller.id), be32(uint32_t(4 + body.size())), body}));
 
     const Bytes data_blob =
         cat({hex("00 00 00 20 | 03 00 00 08"), be32(obj),
@@ -107,74 +87,41 @@ TEST_F(Golden, InvokeForwardingAndReplyPeerRewrite) {
         cat({hex("00 00 00 14 | 01 00 00 08 00 00 00 00 | 03 00 00 08"), be32(obj)});
     owner.send(cat({hex("00 02 00 02"), be32(caller.id), data_blob}));
     owner.send(cat({hex("00 01 00 02"), be32(caller.id), status_blob}));
-
-    std::optional<Msg> data = caller.recv();
-    ASSERT_TRUE(data);
-    EXPECT_EQ(to_hex(data->raw), to_hex(cat({hex("00 02 00 02"), be32(obj), data_blob})));
-    std::optional<Msg> status = caller.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), to_hex(cat({hex("00 01 00 02"), be32(obj), status_blob})));
-    // The daemon itself adds nothing for the caller.
-    EXPECT_FALSE(caller.recv(200));
+    expect_next(caller, cat({hex("00 02 00 02"), be32(obj), data_blob}));
+    expect_next(caller, cat({hex("00 01 00 02"), be32(obj), status_blob}));
+    EXPECT_FALSE(caller.recv(200)) << "the daemon itself adds nothing for the caller";
 }
 
-TEST_F(Golden, RemoveObjectLastOfItsType) {
-    Client owner(socket());
-    uint32_t type = 0;
-    uint32_t id = owner.add_object("demo", demo_signature(), &type);
-    ASSERT_NE(id, 0u);
-    owner.send(cat({hex("00 07 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08"), be32(id)}));
-    std::optional<Msg> data = owner.recv();
-    ASSERT_TRUE(data);
-    EXPECT_EQ(to_hex(data->raw),
-              to_hex(cat({hex("00 02 00 02 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
-                          hex("05 00 00 08"), be32(type)})));
-    std::optional<Msg> status = owner.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), "00 01 00 02 00 00 00 00 00 00 00 0c 01 00 00 08 00 00 00 00");
-}
-
-TEST_F(Golden, SharedTypeIsReportedOnlyOnLastRemoval) {
+TEST_F(Golden, TypeIsReportedOnlyOnLastRemoval) {
     Client owner(socket()), other(socket());
-    uint32_t type = 0, type2 = 0;
-    uint32_t first = owner.add_object("first", demo_signature(), &type);
-    ASSERT_NE(type, 0u);
+    Msg added = publish_demo(owner);
+    uint32_t id = added.u32(A_OBJID), type = added.u32(A_OBJTYPE), reported = 1;
     // A known type id is shared by any client and not reported back.
-    uint32_t second = other.add_object("second", attr_u32(A_OBJTYPE, type), &type2);
+    uint32_t second = other.add_object("second", attr_u32(A_OBJTYPE, type), &reported);
     ASSERT_NE(second, 0u);
-    EXPECT_EQ(type2, 0u);
-    std::vector<Msg> found;
-    ASSERT_EQ(other.lookup(std::string("second"), &found), 0);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].u32(A_OBJTYPE), type);
-
+    EXPECT_EQ(reported, 0u);
     std::vector<Msg> data;
-    ASSERT_EQ(owner.request(msg(REMOVE_OBJECT, 5, 0, {attr_u32(A_OBJID, first)}), &data), 0);
-    ASSERT_EQ(data.size(), 1u);
-    EXPECT_FALSE(data[0].has(A_OBJTYPE));
-    data.clear();
-    ASSERT_EQ(other.request(msg(REMOVE_OBJECT, 6, 0, {attr_u32(A_OBJID, second)}), &data), 0);
+    ASSERT_EQ(other.lookup(std::string("second"), &data), 0);
     ASSERT_EQ(data.size(), 1u);
     EXPECT_EQ(data[0].u32(A_OBJTYPE), type);
+    data.clear();
+    ASSERT_EQ(other.remove(second, &data), 0);
+    ASSERT_EQ(data.size(), 1u);
+    EXPECT_FALSE(data[0].has(A_OBJTYPE));
+
+    owner.send(cat({hex("00 07 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08"), be32(id)}));
+    expect_next(owner, cat({hex("00 02 00 02 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
+                            hex("05 00 00 08"), be32(type)}));
+    expect_next(owner, hex("00 01 00 02 00 00 00 00 00 00 00 0c 01 00 00 08 00 00 00 00"));
 }
 
-TEST_F(Golden, Ping) {
+TEST_F(Golden, PingAndDaemonStatusEchoTheRequestHeader) {
     Client c(socket());
     c.send(hex("00 03 00 07 00 00 12 34 | 00 00 00 0c | 02 00 00 06 78 00 00 00"));
-    std::optional<Msg> echo = c.recv();
-    ASSERT_TRUE(echo);
-    EXPECT_EQ(to_hex(echo->raw), "00 02 00 07 00 00 12 34 00 00 00 0c 02 00 00 06 78 00 00 00");
-    std::optional<Msg> status = c.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), "00 01 00 07 00 00 12 34 00 00 00 0c 01 00 00 08 00 00 00 00");
-}
-
-TEST_F(Golden, DaemonStatusEchoesRequestPeer) {
-    Client c(socket());
+    expect_next(c, hex("00 02 00 07 00 00 12 34 00 00 00 0c 02 00 00 06 78 00 00 00"));
+    expect_next(c, hex("00 01 00 07 00 00 12 34 00 00 00 0c 01 00 00 08 00 00 00 00"));
     c.send(msg(LOOKUP, 9, 0x55, {attr_str(A_OBJPATH, "nothing")}));
-    std::optional<Msg> status = c.recv();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(to_hex(status->raw), "00 01 00 09 00 00 00 55 00 00 00 0c 01 00 00 08 00 00 00 04");
+    expect_next(c, hex("00 01 00 09 00 00 00 55 00 00 00 0c 01 00 00 08 00 00 00 04"));
 }
 
 } // namespace

@@ -7,8 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
+#include <memory>
 
 using namespace wire;
 
@@ -17,158 +16,108 @@ namespace {
 struct Process {
     pid_t pid = 0;
     int out = -1; // stdout and stderr together
+
+    Process(const char* exe, std::vector<std::string> args) {
+        int p[2];
+        if (pipe2(p, O_CLOEXEC) != 0)
+            return;
+        pid = fork();
+        if (pid == 0) {
+            dup2(p[1], 1);
+            dup2(p[1], 2);
+            std::vector<char*> argv = {const_cast<char*>(exe)};
+            for (std::string& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(exe, argv.data());
+            _exit(127);
+        }
+        close(p[1]);
+        out = p[0];
+    }
+    ~Process() {
+        if (pid)
+            kill(pid, SIGTERM);
+        finish();
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Output until `until` appears, the output ends or the time is up.
+    std::string read(int timeout_ms, const std::string& until = "") {
+        std::string text;
+        struct pollfd p = {out, POLLIN, 0};
+        char buf[1024];
+        ssize_t n;
+        while ((until.empty() || text.find(until) == std::string::npos) &&
+               poll(&p, 1, timeout_ms) > 0 && (n = ::read(out, buf, sizeof(buf))) > 0)
+            text.append(buf, size_t(n));
+        return text;
+    }
+
+    // Exit status, or -1 when it had to be killed.
+    int finish(int timeout_ms = 5000) {
+        int status = -1, st;
+        for (int waited = 0; pid && waited <= timeout_ms; waited += 10, usleep(10000)) {
+            if (waitpid(pid, &st, WNOHANG) == pid) {
+                status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+                pid = 0;
+            }
+        }
+        if (pid) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            pid = 0;
+        }
+        if (out >= 0)
+            close(out);
+        out = -1;
+        return status;
+    }
 };
 
-Process spawn(const char* exe, std::vector<std::string> args) {
-    int p[2];
-    Process proc;
-    if (pipe2(p, O_CLOEXEC) != 0)
-        return proc;
-    proc.pid = fork();
-    if (proc.pid == 0) {
-        dup2(p[1], 1);
-        dup2(p[1], 2);
-        std::vector<char*> argv = {const_cast<char*>(exe)};
-        for (std::string& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(exe, argv.data());
-        _exit(127);
-    }
-    close(p[1]);
-    proc.out = p[0];
-    return proc;
+struct Scenario {
+    const char* name;
+    std::vector<std::pair<std::string, int>> services; // path and object count
+};
+
+void PrintTo(const Scenario& s, std::ostream* os) {
+    *os << s.name;
 }
 
-// Reads output until `until` appears (or end of output / time is up).
-std::string read_output(Process& proc, int timeout_ms, const std::string& until = "") {
-    std::string text;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        if (!until.empty() && text.find(until) != std::string::npos)
-            return text;
-        int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(
-                           deadline - std::chrono::steady_clock::now())
-                           .count());
-        struct pollfd p = {proc.out, POLLIN, 0};
-        if (left <= 0 || poll(&p, 1, left) <= 0)
-            return text;
-        char buf[1024];
-        ssize_t n = read(proc.out, buf, sizeof(buf));
-        if (n <= 0)
-            return text;
-        text.append(buf, size_t(n));
-    }
-}
+class Peers : public DaemonTest, public ::testing::WithParamInterface<Scenario> {};
 
-// Exit status, or -1 when it had to be killed.
-int finish(Process& proc, int timeout_ms) {
-    int status = -1;
-    for (int waited = 0; waited <= timeout_ms; waited += 10) {
-        int st;
-        if (waitpid(proc.pid, &st, WNOHANG) == proc.pid) {
-            status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            proc.pid = 0;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (proc.pid) {
-        kill(proc.pid, SIGKILL);
-        waitpid(proc.pid, nullptr, 0);
-        proc.pid = 0;
-    }
-    if (proc.out >= 0)
-        close(proc.out);
-    proc.out = -1;
-    return status;
-}
-
-class Peers : public DaemonTest {
-protected:
-    void TearDown() override {
-        for (Process& s : services_) {
-            if (s.pid)
-                kill(s.pid, SIGTERM);
-            finish(s, 5000);
-        }
-        DaemonTest::TearDown();
-    }
-
-    void start_service(const std::string& path, int count = 0) {
+TEST_P(Peers, Scenario) {
+    std::vector<std::unique_ptr<Process>> services;
+    for (const auto& [path, count] : GetParam().services) {
         std::vector<std::string> args = {socket(), path};
         if (count)
             args.push_back(std::to_string(count));
-        services_.push_back(spawn(HOSTBUS_PEER_SERVICE, args));
-        std::string out = read_output(services_.back(), 30000, "ready\n");
+        services.push_back(std::make_unique<Process>(HOSTBUS_PEER_SERVICE, args));
+        std::string out = services.back()->read(30000, "ready\n");
         ASSERT_NE(out.find("ready\n"), std::string::npos) << out;
     }
-
-    // Runs one scenario of the caller peer; its output explains any failure.
-    void run_caller(const std::string& scenario) {
-        Process caller = spawn(HOSTBUS_PEER_CALLER, {socket(), scenario});
-        std::string out = read_output(caller, 60000);
-        EXPECT_EQ(finish(caller, 5000), 0) << scenario << ": " << out;
-    }
-
-    std::vector<Process> services_;
-};
-
-TEST_F(Peers, Lookup) {
-    start_service("svc");
-    start_service("svc2");
-    run_caller("lookup");
+    Process caller(HOSTBUS_PEER_CALLER, {socket(), GetParam().name});
+    std::string out = caller.read(60000);
+    EXPECT_EQ(caller.finish(), 0) << out;
 }
 
-TEST_F(Peers, InvokeWithNoneOneAndSeveralReplies) {
-    start_service("svc");
-    run_caller("invoke");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Scenarios, Peers,
+    ::testing::Values(Scenario{"lookup", {{"svc", 0}, {"svc2", 0}}},
+                      Scenario{"invoke", {{"svc", 0}}}, Scenario{"deferred", {{"svc", 0}}},
+                      Scenario{"errors", {{"svc", 0}}}, Scenario{"owner_vanishes", {{"svc", 0}}},
+                      Scenario{"remove", {{"svc", 0}}}, Scenario{"near_limit", {{"svc", 0}}},
+                      Scenario{"thousand", {{"bulk", 1000}}}),
+    [](const ::testing::TestParamInfo<Scenario>& info) { return std::string(info.param.name); });
 
-TEST_F(Peers, CallerIdentityReachesTheHandler) {
-    start_service("svc");
-    run_caller("caller_identity");
-}
+class UpstreamStyle : public DaemonTest {};
 
-TEST_F(Peers, DeferredReplies) {
-    start_service("svc");
-    run_caller("deferred");
-}
-
-TEST_F(Peers, UnknownObjectAndMethod) {
-    start_service("svc");
-    run_caller("errors");
-}
-
-TEST_F(Peers, Timeout) {
-    start_service("svc");
-    run_caller("timeout");
-}
-
-TEST_F(Peers, OwnerDisconnectingMidCall) {
-    start_service("svc");
-    run_caller("owner_vanishes");
-}
-
-TEST_F(Peers, AddAndRemoveObjects) {
-    start_service("svc");
-    run_caller("remove");
-}
-
-TEST_F(Peers, MessagesNearTheSizeLimit) {
-    start_service("svc");
-    run_caller("near_limit");
-}
-
-TEST_F(Peers, ThousandObjects) {
-    start_service("bulk", 1000);
-    run_caller("thousand");
-}
-
-TEST_F(Peers, ProgramWrittenForUpstreamHeaders) {
-    Process p = spawn(HOSTBUS_PEER_UPSTREAM_STYLE, {"-s", socket()});
-    std::string out = read_output(p, 30000);
-    EXPECT_EQ(finish(p, 5000), 0) << out;
+// The program is compiled exactly as written for the upstream headers.
+TEST_F(UpstreamStyle, RunsThroughTheDaemon) {
+    Process p(HOSTBUS_PEER_UPSTREAM_STYLE, {"-s", socket()});
+    std::string out = p.read(30000);
+    EXPECT_EQ(p.finish(), 0) << out;
     EXPECT_NE(out.find("OK"), std::string::npos) << out;
 }
 

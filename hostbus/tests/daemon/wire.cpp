@@ -15,51 +15,45 @@
 namespace wire {
 
 Bytes hex(const std::string& text) {
-    Bytes out;
     std::string digits;
     for (char c : text) {
         if (isxdigit(static_cast<unsigned char>(c)))
             digits += c;
     }
+    Bytes out;
     for (size_t i = 0; i + 1 < digits.size(); i += 2)
         out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
     return out;
 }
 
 std::string to_hex(const Bytes& bytes) {
-    static const char digits[] = "0123456789abcdef";
     std::string out;
+    char byte[4];
     for (size_t i = 0; i < bytes.size(); i++) {
-        if (i)
-            out += ' ';
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
+        snprintf(byte, sizeof(byte), i ? " %02x" : "%02x", bytes[i]);
+        out += byte;
     }
     return out;
 }
 
 Bytes be32(uint32_t v) {
-    return {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
-            static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
 }
 
-Bytes cat(std::initializer_list<Bytes> parts) {
+Bytes cat(const std::vector<Bytes>& parts) {
     Bytes out;
     for (const Bytes& p : parts)
         out.insert(out.end(), p.begin(), p.end());
     return out;
 }
 
-static Bytes header_word(uint32_t word) {
-    return be32(word);
+static Bytes padded(Bytes b) {
+    b.resize((b.size() + 3) & ~size_t(3));
+    return b;
 }
 
 Bytes attr(uint8_t id, const Bytes& payload) {
-    Bytes out = header_word((uint32_t(id) << 24) | uint32_t(4 + payload.size()));
-    out.insert(out.end(), payload.begin(), payload.end());
-    while (out.size() % 4)
-        out.push_back(0);
-    return out;
+    return padded(cat({be32((uint32_t(id) << 24) | uint32_t(4 + payload.size())), payload}));
 }
 
 Bytes attr_u32(uint8_t id, uint32_t v) {
@@ -67,27 +61,14 @@ Bytes attr_u32(uint8_t id, uint32_t v) {
 }
 
 Bytes attr_str(uint8_t id, const std::string& s) {
-    Bytes payload(s.begin(), s.end());
-    payload.push_back(0);
-    return attr(id, payload);
-}
-
-Bytes nest(uint8_t id, std::initializer_list<Bytes> children) {
-    return attr(id, cat(children));
+    return attr(id, cat({Bytes(s.begin(), s.end()), {0}}));
 }
 
 Bytes field(uint8_t type, const std::string& name, const Bytes& value) {
-    Bytes payload = {static_cast<uint8_t>(name.size() >> 8), static_cast<uint8_t>(name.size())};
-    payload.insert(payload.end(), name.begin(), name.end());
-    payload.push_back(0);
-    while (payload.size() % 4)
-        payload.push_back(0);
-    payload.insert(payload.end(), value.begin(), value.end());
-    Bytes out = header_word(0x80000000u | (uint32_t(type) << 24) | uint32_t(4 + payload.size()));
-    out.insert(out.end(), payload.begin(), payload.end());
-    while (out.size() % 4)
-        out.push_back(0);
-    return out;
+    Bytes hdr = padded(cat(
+        {{uint8_t(name.size() >> 8), uint8_t(name.size())}, Bytes(name.begin(), name.end()), {0}}));
+    uint32_t len = uint32_t(4 + hdr.size() + value.size());
+    return padded(cat({be32(0x80000000u | (uint32_t(type) << 24) | len), hdr, value}));
 }
 
 Bytes field_u32(const std::string& name, uint32_t v) {
@@ -95,36 +76,20 @@ Bytes field_u32(const std::string& name, uint32_t v) {
 }
 
 Bytes field_str(const std::string& name, const std::string& s) {
-    Bytes value(s.begin(), s.end());
-    value.push_back(0);
-    return field(3, name, value);
+    return field(3, name, cat({Bytes(s.begin(), s.end()), {0}}));
 }
 
 Bytes table(const std::string& name, const std::vector<Bytes>& children) {
-    Bytes value;
-    for (const Bytes& c : children)
-        value.insert(value.end(), c.begin(), c.end());
-    return field(2, name, value);
-}
-
-Bytes table(const std::string& name, std::initializer_list<Bytes> children) {
-    return table(name, std::vector<Bytes>(children));
+    return field(2, name, cat(children));
 }
 
 Bytes msg(uint8_t type, uint16_t seq, uint32_t peer, const std::vector<Bytes>& attrs) {
-    Bytes body;
-    for (const Bytes& a : attrs)
-        body.insert(body.end(), a.begin(), a.end());
-    Bytes out = {0, type, static_cast<uint8_t>(seq >> 8), static_cast<uint8_t>(seq)};
-    Bytes p = be32(peer);
-    out.insert(out.end(), p.begin(), p.end());
-    Bytes blob = attr(0, body);
-    out.insert(out.end(), blob.begin(), blob.end());
-    return out;
+    return cat({{0, type, uint8_t(seq >> 8), uint8_t(seq)}, be32(peer), attr(0, cat(attrs))});
 }
 
-Bytes msg(uint8_t type, uint16_t seq, uint32_t peer, std::initializer_list<Bytes> attrs) {
-    return msg(type, seq, peer, std::vector<Bytes>(attrs));
+Bytes invoke(uint16_t seq, uint32_t obj, const std::string& method,
+             const std::vector<Bytes>& extra) {
+    return msg(INVOKE, seq, obj, {attr_u32(A_OBJID, obj), attr_str(A_METHOD, method), cat(extra)});
 }
 
 static uint32_t read_be32(const uint8_t* p) {
@@ -177,10 +142,25 @@ void Client::close_now() {
     fd = -1;
 }
 
-void Client::send(const Bytes& bytes) {
+// The descriptor, if any, goes with the first bytes.
+void Client::send(const Bytes& bytes, int pass_fd) {
     size_t off = 0;
     while (off < bytes.size()) {
-        ssize_t n = ::send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
+        char control[CMSG_SPACE(sizeof(int))] = {};
+        struct iovec iov = {const_cast<uint8_t*>(bytes.data() + off), bytes.size() - off};
+        struct msghdr mh = {};
+        mh.msg_iov = &iov;
+        mh.msg_iovlen = 1;
+        if (pass_fd >= 0 && off == 0) {
+            mh.msg_control = control;
+            mh.msg_controllen = sizeof(control);
+            struct cmsghdr* cmsg = CMSG_FIRSTHDR(&mh);
+            cmsg->cmsg_level = SOL_SOCKET;
+            cmsg->cmsg_type = SCM_RIGHTS;
+            cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+            memcpy(CMSG_DATA(cmsg), &pass_fd, sizeof(int));
+        }
+        ssize_t n = sendmsg(fd, &mh, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -189,21 +169,10 @@ void Client::send(const Bytes& bytes) {
     }
 }
 
-void Client::send_with_fd(const Bytes& bytes, int pass) {
-    char control[CMSG_SPACE(sizeof(int))] = {};
-    struct iovec iov = {const_cast<uint8_t*>(bytes.data()), bytes.size()};
-    struct msghdr mh = {};
-    mh.msg_iov = &iov;
-    mh.msg_iovlen = 1;
-    mh.msg_control = control;
-    mh.msg_controllen = sizeof(control);
-    struct cmsghdr* cmsg = CMSG_FIRSTHDR(&mh);
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
-    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-    memcpy(CMSG_DATA(cmsg), &pass, sizeof(int));
-    if (sendmsg(fd, &mh, MSG_NOSIGNAL) != ssize_t(bytes.size()))
-        throw std::runtime_error("sendmsg: " + std::string(strerror(errno)));
+static int ms_left(std::chrono::steady_clock::time_point deadline) {
+    return int(std::chrono::duration_cast<std::chrono::milliseconds>(
+                   deadline - std::chrono::steady_clock::now())
+                   .count());
 }
 
 static bool wait_readable(int fd, int timeout_ms) {
@@ -218,37 +187,31 @@ static bool wait_readable(int fd, int timeout_ms) {
 std::optional<Msg> Client::recv(int timeout_ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        if (buffer_.size() >= 12) {
-            size_t len = read_be32(buffer_.data() + 8) & 0xffffff;
-            if (len >= 4 && buffer_.size() >= 8 + len) {
-                Msg m;
-                m.raw.assign(buffer_.begin(), buffer_.begin() + long(8 + len));
-                buffer_.erase(buffer_.begin(), buffer_.begin() + long(8 + len));
-                m.version = m.raw[0];
-                m.type = m.raw[1];
-                m.seq = uint16_t((m.raw[2] << 8) | m.raw[3]);
-                m.peer = read_be32(&m.raw[4]);
-                size_t pos = 12;
-                while (pos + 4 <= m.raw.size()) {
-                    size_t alen = read_be32(&m.raw[pos]) & 0xffffff;
-                    size_t padded = (alen + 3) & ~size_t(3);
-                    if (alen < 4 || pos + padded > m.raw.size())
-                        break;
-                    Bytes a(m.raw.begin() + long(pos), m.raw.begin() + long(pos + padded));
-                    m.attrs[m.raw[pos] & 0x7f] = a;
-                    m.attr_list.push_back(a);
-                    pos += padded;
-                }
-                if (!fds_.empty()) {
-                    m.fd = fds_.front();
-                    fds_.erase(fds_.begin());
-                }
-                return m;
+        size_t len = buffer_.size() >= 12 ? read_be32(&buffer_[8]) & 0xffffff : 0;
+        if (len >= 4 && buffer_.size() >= 8 + len) {
+            Msg m;
+            m.raw.assign(buffer_.begin(), buffer_.begin() + long(8 + len));
+            buffer_.erase(buffer_.begin(), buffer_.begin() + long(8 + len));
+            m.version = m.raw[0];
+            m.type = m.raw[1];
+            m.seq = uint16_t((m.raw[2] << 8) | m.raw[3]);
+            m.peer = read_be32(&m.raw[4]);
+            for (size_t pos = 12; pos + 4 <= m.raw.size();) {
+                size_t alen = read_be32(&m.raw[pos]) & 0xffffff, step = (alen + 3) & ~size_t(3);
+                if (alen < 4 || pos + step > m.raw.size())
+                    break;
+                Bytes a(m.raw.begin() + long(pos), m.raw.begin() + long(pos + step));
+                m.attrs[m.raw[pos] & 0x7f] = a;
+                m.attr_list.push_back(a);
+                pos += step;
             }
+            if (!fds_.empty()) {
+                m.fd = fds_.front();
+                fds_.erase(fds_.begin());
+            }
+            return m;
         }
-        int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(
-                           deadline - std::chrono::steady_clock::now())
-                           .count());
+        int left = ms_left(deadline);
         if (left < 0 || fd < 0 || !wait_readable(fd, left))
             return std::nullopt;
         uint8_t chunk[65536];
@@ -276,9 +239,7 @@ std::optional<Msg> Client::recv(int timeout_ms) {
 bool Client::closed_by_peer(int timeout_ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(
-                           deadline - std::chrono::steady_clock::now())
-                           .count());
+        int left = ms_left(deadline);
         if (left < 0 || !wait_readable(fd, left))
             return false;
         uint8_t chunk[4096];
@@ -295,17 +256,11 @@ int Client::request(const Bytes& message, std::vector<Msg>* data) {
         std::optional<Msg> m = recv();
         if (!m)
             return -1;
-        if (m->seq != seq)
-            continue;
-        if (m->type == STATUS)
+        if (m->seq == seq && m->type == STATUS)
             return m->has(A_STATUS) ? int(m->u32(A_STATUS)) : -2;
-        if (m->type == DATA && data)
+        if (m->seq == seq && m->type == DATA && data)
             data->push_back(*m);
     }
-}
-
-int Client::ping(uint16_t seq) {
-    return request(msg(PING, seq, 0, {}));
 }
 
 uint32_t Client::add_object(const std::string& path, const Bytes& sig, uint32_t* type_id,
@@ -317,7 +272,7 @@ uint32_t Client::add_object(const std::string& path, const Bytes& sig, uint32_t*
     if (st != 0 || data.empty())
         return 0;
     if (type_id)
-        *type_id = data[0].has(A_OBJTYPE) ? data[0].u32(A_OBJTYPE) : 0;
+        *type_id = data[0].u32(A_OBJTYPE);
     return data[0].u32(A_OBJID);
 }
 
@@ -327,31 +282,42 @@ uint32_t Client::add_anonymous() {
     return st == 0 && !data.empty() ? data[0].u32(A_OBJID) : 0;
 }
 
-int Client::lookup(const std::optional<std::string>& path, std::vector<Msg>* data) {
-    if (path)
-        return request(msg(LOOKUP, next_seq++, 0, {attr_str(A_OBJPATH, *path)}), data);
-    return request(msg(LOOKUP, next_seq++, 0, {}), data);
+int Client::remove(uint32_t obj, std::vector<Msg>* data) {
+    return request(msg(REMOVE_OBJECT, next_seq++, 0, {attr_u32(A_OBJID, obj)}), data);
 }
 
-std::vector<std::string> Client::list(const std::optional<std::string>& path, int* status) {
+int Client::lookup(const std::optional<std::string>& path, std::vector<Msg>* data) {
+    std::vector<Bytes> attrs;
+    if (path)
+        attrs.push_back(attr_str(A_OBJPATH, *path));
+    return request(msg(LOOKUP, next_seq++, 0, attrs), data);
+}
+
+Paths Client::list(const std::optional<std::string>& path, int* status) {
     std::vector<Msg> data;
     int st = lookup(path, &data);
     if (status)
         *status = st;
-    std::vector<std::string> out;
+    Paths out;
     for (const Msg& m : data)
         out.push_back(m.str(A_OBJPATH));
     return out;
 }
 
-Bytes signature(std::initializer_list<std::string> methods) {
+bool Client::wait_gone(const std::string& pattern) {
+    for (int i = 0; i < 500; i++) {
+        if (lookup(pattern) == 4)
+            return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+Bytes signature(const std::vector<std::string>& methods) {
     std::vector<Bytes> entries;
     for (const std::string& m : methods)
         entries.push_back(table(m, {}));
-    Bytes body;
-    for (const Bytes& e : entries)
-        body.insert(body.end(), e.begin(), e.end());
-    return attr(A_SIGNATURE, body);
+    return attr(A_SIGNATURE, cat(entries));
 }
 
 Bytes demo_signature() {
@@ -367,15 +333,6 @@ std::string user_name() {
 std::string group_name() {
     struct group* gr = getgrgid(getegid());
     return gr ? gr->gr_name : std::to_string(getegid());
-}
-
-void DaemonTest::SetUp() {
-    ASSERT_EQ(test_daemon_start(&daemon_, ORVIX_TEST_UBUSD), 0) << ORVIX_TEST_UBUSD;
-    socket_ = daemon_.socket;
-}
-
-void DaemonTest::TearDown() {
-    test_daemon_cleanup(&daemon_);
 }
 
 } // namespace wire

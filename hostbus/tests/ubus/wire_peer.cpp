@@ -3,49 +3,24 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 #include "wire_peer.h"
 
-namespace {
-
-constexpr int kWaitMs = 5000;
-
-bool wait_for(int fd, short events) {
-    pollfd pfd = {fd, events, 0};
-    return poll(&pfd, 1, kWaitMs) > 0;
+static bool wait_readable(int fd) {
+    pollfd pfd = {fd, POLLIN, 0};
+    return poll(&pfd, 1, 5000) > 0;
 }
-
-void write_all(int fd, const Bytes& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        done += static_cast<size_t>(n);
-    }
-}
-
-} // namespace
 
 Bytes hex(const std::string& text) {
     Bytes out;
     std::string digits;
     for (char c : text) {
-        if (!std::isxdigit(static_cast<unsigned char>(c))) {
+        if (!std::isxdigit(static_cast<unsigned char>(c)))
             digits.clear();
-            continue;
-        }
-        digits += c;
-        if (digits.size() == 2) {
+        else if ((digits += c).size() == 2) {
             out.push_back(static_cast<uint8_t>(std::stoul(digits, nullptr, 16)));
             digits.clear();
         }
@@ -64,41 +39,28 @@ std::string hex_of(const void* data, size_t len) {
     return out;
 }
 
-std::string hex_of(const Bytes& bytes) {
-    return hex_of(bytes.data(), bytes.size());
-}
-
-Bytes be32(uint32_t value) {
-    return {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
-            static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-}
-
-Bytes attr(uint8_t id, const Bytes& payload) {
-    Bytes out = be32((static_cast<uint32_t>(id) << 24) | static_cast<uint32_t>(payload.size() + 4));
-    out.insert(out.end(), payload.begin(), payload.end());
-    while (out.size() % 4)
-        out.push_back(0);
-    return out;
-}
-
-Bytes str(const std::string& text) {
-    Bytes out(text.begin(), text.end());
-    out.push_back(0);
-    return out;
-}
-
-Bytes msg(uint8_t type, uint16_t seq, uint32_t peer, const Bytes& attrs) {
-    Bytes out = {0, type, static_cast<uint8_t>(seq >> 8), static_cast<uint8_t>(seq)};
-    return out + be32(peer) + be32(static_cast<uint32_t>(attrs.size() + 4)) + attrs;
-}
-
 Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 
-Bytes default_hello() {
-    return hex("00 00 00 00 d3 28 f7 07 | 00 00 00 04");
+Bytes be32(uint32_t v) {
+    return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+}
+
+Bytes attr(uint8_t id, const Bytes& payload) {
+    Bytes out = be32((uint32_t(id) << 24) | uint32_t(payload.size() + 4)) + payload;
+    out.resize((out.size() + 3) & ~size_t(3));
+    return out;
+}
+
+Bytes str(const std::string& text) {
+    return Bytes(text.begin(), text.end()) + Bytes{0};
+}
+
+Bytes msg(uint8_t type, uint16_t seq, uint32_t peer, const Bytes& attrs) {
+    return Bytes{0, type, uint8_t(seq >> 8), uint8_t(seq)} + be32(peer) +
+           be32(uint32_t(attrs.size() + 4)) + attrs;
 }
 
 WirePeer::WirePeer() {
@@ -107,7 +69,6 @@ WirePeer::WirePeer() {
         throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
     path_ = dir_ + "/ubus.sock";
-
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path_.c_str());
@@ -124,52 +85,45 @@ WirePeer::~WirePeer() {
     rmdir(dir_.c_str());
 }
 
-int WirePeer::accept_client(const Bytes& greeting) {
-    if (!wait_for(listen_fd_, POLLIN))
-        return -1;
-    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd >= 0)
-        write_all(fd, greeting);
-    return fd;
+void WirePeer::accept_client(const Bytes& greeting) {
+    if (wait_readable(listen_fd_))
+        client_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    send(greeting);
 }
 
-ubus_context* WirePeer::connect(const Bytes& greeting, bool close_after) {
-    return accepting(
-        greeting, [&] { return ubus_connect(path()); }, close_after);
-}
-
-int WirePeer::reconnect(ubus_context* ctx, const Bytes& queued) {
-    return accepting(default_hello() + queued, [&] { return ubus_reconnect(ctx, path()); });
-}
-
-void WirePeer::send(const Bytes& bytes) {
-    write_all(client_, bytes);
-}
-
-void WirePeer::send_with_fd(const Bytes& bytes, int fd) {
-    union {
-        cmsghdr hdr;
-        char buf[CMSG_SPACE(sizeof(int))];
-    } control = {};
-    iovec iov = {const_cast<uint8_t*>(bytes.data()), bytes.size()};
-    msghdr m = {};
-    m.msg_iov = &iov;
-    m.msg_iovlen = 1;
-    m.msg_control = control.buf;
-    m.msg_controllen = sizeof(control.buf);
-    cmsghdr* c = CMSG_FIRSTHDR(&m);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(c), &fd, sizeof(int));
-    if (sendmsg(client_, &m, MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
-        throw std::runtime_error("sendmsg failed");
+// The descriptor, if any, goes with the first bytes.
+void WirePeer::send(const Bytes& bytes, int pass_fd) {
+    for (size_t done = 0; client_ >= 0 && done < bytes.size();) {
+        union {
+            cmsghdr hdr;
+            char buf[CMSG_SPACE(sizeof(int))];
+        } control = {};
+        iovec iov = {const_cast<uint8_t*>(bytes.data() + done), bytes.size() - done};
+        msghdr m = {};
+        m.msg_iov = &iov;
+        m.msg_iovlen = 1;
+        if (pass_fd >= 0 && done == 0) {
+            m.msg_control = control.buf;
+            m.msg_controllen = sizeof(control.buf);
+            cmsghdr* c = CMSG_FIRSTHDR(&m);
+            c->cmsg_level = SOL_SOCKET;
+            c->cmsg_type = SCM_RIGHTS;
+            c->cmsg_len = CMSG_LEN(sizeof(int));
+            std::memcpy(CMSG_DATA(c), &pass_fd, sizeof(int));
+        }
+        ssize_t n = sendmsg(client_, &m, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        done += size_t(n);
+    }
 }
 
 Bytes WirePeer::receive(size_t n, int* fd) {
     Bytes out(n);
     size_t done = 0;
-    while (done < n && wait_for(client_, POLLIN)) {
+    while (done < n && wait_readable(client_)) {
         union {
             cmsghdr hdr;
             char buf[CMSG_SPACE(sizeof(int))];
@@ -187,7 +141,7 @@ Bytes WirePeer::receive(size_t n, int* fd) {
             if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS && fd)
                 std::memcpy(fd, CMSG_DATA(c), sizeof(int));
         }
-        done += static_cast<size_t>(got);
+        done += size_t(got);
     }
     out.resize(done);
     return out;
@@ -195,22 +149,18 @@ Bytes WirePeer::receive(size_t n, int* fd) {
 
 Bytes WirePeer::receive_msg(int* fd) {
     Bytes head = receive(12, fd);
-    if (head.size() < 12)
-        return head;
     size_t raw =
-        (static_cast<size_t>(head[9]) << 16) | (static_cast<size_t>(head[10]) << 8) | head[11];
-    return raw > 4 ? head + receive(raw - 4) : head;
+        head.size() < 12 ? 0 : (size_t(head[9]) << 16) | (size_t(head[10]) << 8) | head[11];
+    return raw > 4 ? head + receive(raw - 4, nullptr) : head;
 }
 
 Bytes WirePeer::drain() {
     Bytes out;
     uint8_t buf[4096];
-    for (;;) {
-        ssize_t n = recv(client_, buf, sizeof(buf), MSG_DONTWAIT);
-        if (n <= 0)
-            return out;
+    ssize_t n;
+    while ((n = recv(client_, buf, sizeof(buf), MSG_DONTWAIT)) > 0)
         out.insert(out.end(), buf, buf + n);
-    }
+    return out;
 }
 
 void WirePeer::shutdown_write() {
@@ -221,4 +171,44 @@ void WirePeer::close_client() {
     if (client_ >= 0)
         close(client_);
     client_ = -1;
+}
+
+std::function<int(ubus_context*, ubus_request_data*, const char*, blob_attr*)> on_call;
+
+int demo_dispatch(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* method,
+                  blob_attr* msg) {
+    return on_call ? on_call(ctx, req, method, msg) : 0;
+}
+
+const blobmsg_policy demo_policy[2] = {{"id", BLOBMSG_TYPE_INT32}, {"msg", BLOBMSG_TYPE_STRING}};
+const ubus_method demo_methods[2] = {UBUS_METHOD("hello", demo_dispatch, demo_policy),
+                                     UBUS_METHOD_NOARG("status", demo_dispatch)};
+
+void UbusTest::add_demo_object() {
+    daemon.send(
+        msg(UBUS_MSG_DATA, 1, 0, objid(0x8debad38) + attr(UBUS_ATTR_OBJTYPE, be32(0x15646072))) +
+        status_ok_seq1);
+    ASSERT_EQ(ubus_add_object(ctx, &demo), 0);
+    ASSERT_EQ(
+        hex_of(daemon.receive_msg()),
+        hex_of(hex("00 06 00 01 00 00 00 00 | 00 00 00 50 | 02 00 00 09 64 65 6d 6f 00 00 00 00") +
+               demo_signature));
+    EXPECT_EQ(demo.id, 0x8debad38u);
+    EXPECT_EQ(demo_type.id, 0x15646072u);
+}
+
+void UbusTest::start(Call& call, const std::string& name, uint32_t obj) {
+    call.name = name;
+    call.log = &log;
+    ASSERT_EQ(ubus_invoke_async(ctx, obj, "m", nullptr, &call.req), 0);
+    call.req.data_cb = [](ubus_request* req, int, blob_attr* msg) {
+        Call* c = static_cast<Call*>(req->priv);
+        c->log->push_back(c->name + " data " + hex_of(msg));
+    };
+    call.req.complete_cb = [](ubus_request* req, int ret) {
+        Call* c = static_cast<Call*>(req->priv);
+        c->log->push_back(c->name + " complete " + std::to_string(ret));
+    };
+    call.req.priv = &call;
+    ubus_complete_request_async(ctx, &call.req);
 }

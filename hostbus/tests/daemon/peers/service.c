@@ -1,6 +1,6 @@
 /* Test peer publishing objects whose methods exercise the ways an owner can answer.
- * Usage: service SOCKET PATH [COUNT]. With COUNT it publishes PATH.0000 .. PATH.<COUNT-1>,
- * all of one type. Prints "ready" once published; SIGTERM ends it. */
+ * Usage: service SOCKET PATH [COUNT]. With COUNT it publishes PATH.<COUNT-1> down to
+ * PATH.0000, all of one type. Prints "ready" once published; SIGTERM ends it. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,55 +23,6 @@ static const struct blobmsg_policy arg_policy[__ARG_MAX] = {
     [ARG_SIZE] = {.name = "size", .type = BLOBMSG_TYPE_INT32},
 };
 
-static int int_arg(struct blob_attr* msg, int which, int fallback) {
-    struct blob_attr* tb[__ARG_MAX];
-
-    blobmsg_parse(arg_policy, __ARG_MAX, tb, blob_data(msg), (unsigned int)blob_len(msg));
-    return tb[which] ? (int)blobmsg_get_u32(tb[which]) : fallback;
-}
-
-static int echo(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                const char* method, struct blob_attr* msg) {
-    (void)obj;
-    (void)method;
-    ubus_send_reply(ctx, req, msg);
-    return UBUS_STATUS_OK;
-}
-
-static int nothing(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                   const char* method, struct blob_attr* msg) {
-    (void)ctx;
-    (void)obj;
-    (void)req;
-    (void)method;
-    (void)msg;
-    return UBUS_STATUS_OK;
-}
-
-static int many(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                const char* method, struct blob_attr* msg) {
-    int n = int_arg(msg, ARG_N, 3);
-
-    (void)obj;
-    (void)method;
-    for (int i = 0; i < n; i++) {
-        blob_buf_init(&reply, 0);
-        blobmsg_add_u32(&reply, "i", (uint32_t)i);
-        ubus_send_reply(ctx, req, reply.head);
-    }
-    return UBUS_STATUS_OK;
-}
-
-static int fail(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                const char* method, struct blob_attr* msg) {
-    (void)obj;
-    (void)method;
-    blob_buf_init(&reply, 0);
-    blobmsg_add_string(&reply, "before", "failing");
-    ubus_send_reply(ctx, req, reply.head);
-    return int_arg(msg, ARG_STATUS, UBUS_STATUS_UNKNOWN_ERROR);
-}
-
 struct deferred {
     struct uloop_timeout timeout;
     struct ubus_request_data req;
@@ -88,69 +39,57 @@ static void deferred_done(struct uloop_timeout* t) {
     free(d);
 }
 
-static int defer(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                 const char* method, struct blob_attr* msg) {
-    struct deferred* d = calloc(1, sizeof(*d));
-
-    (void)obj;
-    (void)method;
-    CHECK(d);
-    d->ctx = ctx;
-    d->timeout.cb = deferred_done;
-    ubus_defer_request(ctx, req, &d->req);
-    uloop_timeout_set(&d->timeout, int_arg(msg, ARG_MS, 100));
-    return UBUS_STATUS_OK;
-}
-
-/* Takes the call and never answers. */
-static int silent(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
+/* One handler for every method: echo, nothing, many{n}, fail{status}, defer{ms}, silent
+ * (takes the call, never answers), vanish (the owner exits mid-call), big{size}, whoami. */
+static int handle(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
                   const char* method, struct blob_attr* msg) {
+    struct blob_attr* tb[__ARG_MAX];
     struct ubus_request_data forgotten;
 
-    (void)obj;
-    (void)method;
-    (void)msg;
-    ubus_defer_request(ctx, req, &forgotten);
-    return UBUS_STATUS_OK;
-}
-
-/* The owner vanishes in the middle of the call. */
-static int vanish(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                  const char* method, struct blob_attr* msg) {
-    (void)ctx;
-    (void)obj;
-    (void)req;
-    (void)method;
-    (void)msg;
-    _exit(0);
-}
-
-static int big(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-               const char* method, struct blob_attr* msg) {
-    int size = int_arg(msg, ARG_SIZE, 1000);
-    char* s = malloc((size_t)size + 1);
-
-    (void)obj;
-    (void)method;
-    CHECK(s);
-    memset(s, 'b', (size_t)size);
-    s[size] = '\0';
+    blobmsg_parse(arg_policy, __ARG_MAX, tb, blob_data(msg), (unsigned int)blob_len(msg));
+#define ARG(which, fallback) (tb[which] ? (int)blobmsg_get_u32(tb[which]) : (fallback))
     blob_buf_init(&reply, 0);
-    blobmsg_add_string(&reply, "s", s);
-    free(s);
-    return ubus_send_reply(ctx, req, reply.head) ? UBUS_STATUS_UNKNOWN_ERROR : UBUS_STATUS_OK;
-}
+    if (!strcmp(method, "echo")) {
+        ubus_send_reply(ctx, req, msg);
+    } else if (!strcmp(method, "many")) {
+        for (int i = 0; i < ARG(ARG_N, 3); i++) {
+            blob_buf_init(&reply, 0);
+            blobmsg_add_u32(&reply, "i", (uint32_t)i);
+            ubus_send_reply(ctx, req, reply.head);
+        }
+    } else if (!strcmp(method, "fail")) {
+        blobmsg_add_string(&reply, "before", "failing");
+        ubus_send_reply(ctx, req, reply.head);
+        return ARG(ARG_STATUS, UBUS_STATUS_UNKNOWN_ERROR);
+    } else if (!strcmp(method, "defer")) {
+        struct deferred* d = calloc(1, sizeof(*d));
 
-static int whoami(struct ubus_context* ctx, struct ubus_object* obj, struct ubus_request_data* req,
-                  const char* method, struct blob_attr* msg) {
-    (void)method;
-    (void)msg;
-    blob_buf_init(&reply, 0);
-    blobmsg_add_string(&reply, "user", req->acl.user ? req->acl.user : "");
-    blobmsg_add_string(&reply, "group", req->acl.group ? req->acl.group : "");
-    blobmsg_add_string(&reply, "object", obj->name);
-    blobmsg_add_u32(&reply, "peer", req->peer);
-    ubus_send_reply(ctx, req, reply.head);
+        CHECK(d);
+        d->ctx = ctx;
+        d->timeout.cb = deferred_done;
+        ubus_defer_request(ctx, req, &d->req);
+        uloop_timeout_set(&d->timeout, ARG(ARG_MS, 100));
+    } else if (!strcmp(method, "silent")) {
+        ubus_defer_request(ctx, req, &forgotten);
+    } else if (!strcmp(method, "vanish")) {
+        _exit(0);
+    } else if (!strcmp(method, "big")) {
+        size_t size = (size_t)ARG(ARG_SIZE, 1000);
+        char* s = malloc(size + 1);
+
+        CHECK(s);
+        memset(s, 'b', size);
+        s[size] = '\0';
+        blobmsg_add_string(&reply, "s", s);
+        free(s);
+        return ubus_send_reply(ctx, req, reply.head) ? UBUS_STATUS_UNKNOWN_ERROR : 0;
+    } else if (!strcmp(method, "whoami")) {
+        blobmsg_add_string(&reply, "user", req->acl.user ? req->acl.user : "");
+        blobmsg_add_string(&reply, "group", req->acl.group ? req->acl.group : "");
+        blobmsg_add_string(&reply, "object", obj->name);
+        ubus_send_reply(ctx, req, reply.head);
+    }
+#undef ARG
     return UBUS_STATUS_OK;
 }
 
@@ -160,22 +99,14 @@ static const struct blobmsg_policy echo_policy[] = {
 };
 
 static const struct ubus_method methods[] = {
-    UBUS_METHOD("echo", echo, echo_policy),  UBUS_METHOD_NOARG("nothing", nothing),
-    UBUS_METHOD("many", many, arg_policy),   UBUS_METHOD("fail", fail, arg_policy),
-    UBUS_METHOD("defer", defer, arg_policy), UBUS_METHOD_NOARG("silent", silent),
-    UBUS_METHOD_NOARG("vanish", vanish),     UBUS_METHOD("big", big, arg_policy),
-    UBUS_METHOD_NOARG("whoami", whoami),
+    UBUS_METHOD("echo", handle, echo_policy), UBUS_METHOD_NOARG("nothing", handle),
+    UBUS_METHOD("many", handle, arg_policy),  UBUS_METHOD("fail", handle, arg_policy),
+    UBUS_METHOD("defer", handle, arg_policy), UBUS_METHOD_NOARG("silent", handle),
+    UBUS_METHOD_NOARG("vanish", handle),      UBUS_METHOD("big", handle, arg_policy),
+    UBUS_METHOD_NOARG("whoami", handle),
 };
 
 static struct ubus_object_type service_type = UBUS_OBJECT_TYPE("service", methods);
-
-static void publish(struct ubus_context* ctx, struct ubus_object* obj, const char* name) {
-    obj->name = name;
-    obj->type = &service_type;
-    obj->methods = methods;
-    obj->n_methods = ARRAY_SIZE(methods);
-    CHECK_EQ(ubus_add_object(ctx, obj), UBUS_STATUS_OK);
-}
 
 int main(int argc, char** argv) {
     struct ubus_context* ctx;
@@ -191,15 +122,16 @@ int main(int argc, char** argv) {
     CHECK(ctx);
     objects = calloc(count ? (size_t)count : 1, sizeof(*objects));
     CHECK(objects);
-    if (!count) {
-        publish(ctx, &objects[0], argv[2]);
-    } else {
-        for (int i = 0; i < count; i++) {
-            char* name;
+    /* Published last first: listings must come sorted all the same. */
+    for (int i = count ? count - 1 : 0; i >= 0; i--) {
+        char* name = argv[2];
 
-            CHECK(asprintf(&name, "%s.%04d", argv[2], i) > 0);
-            publish(ctx, &objects[i], name);
-        }
+        CHECK(!count || asprintf(&name, "%s.%04d", argv[2], i) > 0);
+        objects[i].name = name;
+        objects[i].type = &service_type;
+        objects[i].methods = methods;
+        objects[i].n_methods = ARRAY_SIZE(methods);
+        CHECK_EQ(ubus_add_object(ctx, &objects[i]), UBUS_STATUS_OK);
     }
     ubus_add_uloop(ctx);
     printf("ready\n");
