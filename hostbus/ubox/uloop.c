@@ -71,15 +71,20 @@ static void wake_loop(void) {
     errno = saved_errno;
 }
 
+/* A signal may be handled on any thread of the process, so the flags it sets are
+ * accessed atomically wherever the loop meets them. */
+#define flag_set(flag, value) __atomic_store_n(&(flag), (value), __ATOMIC_RELAXED)
+#define flag_get(flag) __atomic_load_n(&(flag), __ATOMIC_RELAXED)
+
 static void handle_stop_signal(int signo) {
-    run_status = signo;
-    uloop_cancelled = true;
+    flag_set(run_status, signo);
+    flag_set(uloop_cancelled, true);
     wake_loop();
 }
 
 static void handle_sigchld(int signo) {
     (void)signo;
-    reap_pending = 1;
+    flag_set(reap_pending, 1);
     wake_loop();
 }
 
@@ -444,7 +449,7 @@ static void reap_children(void) {
     pid_t pid;
     int status;
 
-    reap_pending = 0;
+    flag_set(reap_pending, 0);
     for (;;) {
         pid = waitpid(-1, &status, WNOHANG);
         if (pid < 0 && errno == EINTR)
@@ -456,30 +461,30 @@ static void reap_children(void) {
 }
 
 bool uloop_cancelling(void) {
-    return run_depth > 0 && uloop_cancelled;
+    return run_depth > 0 && flag_get(uloop_cancelled);
 }
 
 int uloop_run_timeout(int timeout) {
     int next;
 
     run_depth++;
-    run_status = 0;
-    uloop_cancelled = false;
+    flag_set(run_status, 0);
+    flag_set(uloop_cancelled, false);
     do {
         run_expired_timeouts();
-        if (reap_pending)
+        if (flag_get(reap_pending))
             reap_children();
-        if (uloop_cancelled)
+        if (flag_get(uloop_cancelled))
             break;
 
         next = uloop_get_next_timeout();
         if (timeout >= 0 && (next < 0 || next > timeout))
             next = timeout;
         run_one_event(next);
-    } while (!uloop_cancelled && timeout < 0);
+    } while (!flag_get(uloop_cancelled) && timeout < 0);
     run_depth--;
 
-    return run_status;
+    return flag_get(run_status);
 }
 
 void uloop_done(void) {

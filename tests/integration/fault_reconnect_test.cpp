@@ -3,6 +3,7 @@
 #include "bus_fixture.h"
 
 #include <orvix/error.h>
+#include <orvix/utils/scoped_link.h>
 
 #include <algorithm>
 #include <chrono>
@@ -87,10 +88,13 @@ void flush_invokes() {
 
 TEST(fault_reconnect_test, killed_daemon_fails_every_pending_invoke_once_and_leaks_nothing) {
     int connections = 0;
-    const auto watch = bus().notify_on_state_change([&connections](orvix::client::state s) {
-        connections += s == orvix::client::state::connected ? 1 : 0;
-    });
-    const auto reconnecting = bus().auto_connect([](long long) { return std::chrono::seconds(1); });
+    // Scoped: the handler refers to this frame, and the client outlives the test.
+    const orvix::utils::scoped_link watch =
+        bus().notify_on_state_change([&connections](orvix::client::state s) {
+            connections += s == orvix::client::state::connected ? 1 : 0;
+        });
+    const orvix::utils::scoped_link reconnecting =
+        bus().auto_connect([](long long) { return std::chrono::seconds(1); });
     ASSERT_TRUE(run_until([] { return bus().is_active(); }));
 
     std::vector<context> held;

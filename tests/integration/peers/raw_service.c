@@ -89,7 +89,8 @@ static void add_field(struct bytes* out, unsigned type, const char* name, const 
     payload[0] = (unsigned char)(namelen >> 8);
     payload[1] = (unsigned char)namelen;
     memcpy(payload + 2, name, namelen);
-    memcpy(payload + hdrlen, value, len);
+    if (len)
+        memcpy(payload + hdrlen, value, len);
     add_raw(out, EXTENDED | (uint32_t)type << 24, 4 + hdrlen + len, payload, hdrlen + len);
 }
 
