@@ -46,7 +46,9 @@ void init(blob_buf* native) {
 } // namespace
 
 const std::map<std::type_index, buf::encoder>& buf::encoders() {
-    static const std::map<std::type_index, encoder> all{
+    // Never destroyed: the library's loop thread encodes until the client, destroyed at
+    // exit after this table would be, has joined it.
+    static const auto& all = *new const std::map<std::type_index, encoder>{
         {typeid(std::vector<unsigned char>),
          [](buf& self, const std::string& name, const attr& value) {
              const auto& bytes = value.get<std::vector<unsigned char>>();

@@ -121,7 +121,9 @@ attr to_attr(blob_attr* field, bool as_bool) {
 }
 
 enum blobmsg_type to_blobmsg_type(const std::type_index& type) {
-    static const std::map<std::type_index, enum blobmsg_type> types {
+    // Never destroyed: the library's loop thread decodes until the client, destroyed at
+    // exit after this table would be, has joined it.
+    static const auto& types = *new const std::map<std::type_index, enum blobmsg_type> {
         {typeid(std::vector<unsigned char>), BLOBMSG_TYPE_UNSPEC},
         {typeid(array), BLOBMSG_TYPE_ARRAY},
         {typeid(table), BLOBMSG_TYPE_TABLE},
