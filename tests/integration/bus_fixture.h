@@ -9,9 +9,11 @@
 
 #include <chrono>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <sys/types.h>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -66,6 +68,13 @@ struct probe {
         inside = false;
         return result;
     }
+};
+
+/// What an invoke's handler was given, and where it ran.
+struct outcome {
+    probe where;
+    std::list<orvix::blob::attr> replies;
+    std::error_code ec;
 };
 
 /// Expects that `p`'s handler ran exactly `calls` times, on the loop's thread, and

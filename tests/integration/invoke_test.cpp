@@ -14,12 +14,6 @@ using namespace orvix_test;
 using orvix::blob::attr;
 using table = std::multimap<std::string, attr>;
 
-struct outcome {
-    probe where;
-    std::list<attr> replies;
-    std::error_code ec;
-};
-
 class invoke_test : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { service = start_service(); }
