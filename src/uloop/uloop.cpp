@@ -1,4 +1,5 @@
-#include <orvix/misc/unix_signal_actions.h>
+#include "uloop/uloop_signals.h"
+
 #include <orvix/uloop.h>
 
 #include <cerrno>
@@ -57,8 +58,10 @@ void uloop::run() {
 
     // uloop_init installs handlers for these signals; the application's own
     // dispositions must survive it.
-    misc::unix_signal_actions actions;
-    actions.set(SIGINT, SIGTERM, SIGCHLD, SIGPIPE);
+    auto actions = save_uloop_signals();
+    // Children belong to the program: a SIGCHLD caught by uloop, even in the moment
+    // before the restore, would make the loop reap them all.
+    uloop_handle_sigchld = false;
     if (uloop_init() < 0) {
         std::lock_guard<std::recursive_mutex> lock(mutex);
         running = false;
@@ -81,7 +84,17 @@ void uloop::run() {
 
     // No byte was written for work queued before the loop ran.
     process(false);
-    uloop_run_timeout(-1);
+    // An exit that came while starting found that work queued and wrote no byte; the
+    // flag it left is all there is to go by, since uloop_run_timeout clears
+    // uloop_cancelled on entry.
+    bool exit_requested;
+    {
+        std::lock_guard<std::recursive_mutex> lock(mutex);
+        exit_requested = exiting;
+    }
+    if (!exit_requested) {
+        uloop_run_timeout(-1);
+    }
 
     uloop_fd_delete(&wakeup);
     uloop_done();

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <dlfcn.h>
 #include <exception>
 #include <functional>
 #include <future>
@@ -19,6 +20,19 @@
 
 extern "C" {
 #include <libubox/uloop.h>
+}
+
+// Runs while the loop starts up, between setting itself running and running the work
+// queued before it; set by a test, null otherwise.
+static std::function<void()> during_uloop_init;
+
+// Interposes libubox's uloop_init, which the loop calls while it starts up.
+extern "C" int uloop_init(void) {
+    static const auto real = reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "uloop_init"));
+    if (during_uloop_init) {
+        during_uloop_init();
+    }
+    return real();
 }
 
 namespace {
@@ -454,6 +468,28 @@ TEST(uloop, signal_dispositions_are_the_same_after_run_as_before) {
     EXPECT_EQ(before[0], &record_handler);
     EXPECT_EQ(while_running, before);
     EXPECT_EQ(after, before);
+}
+
+TEST(uloop, an_exit_while_starting_up_with_work_queued_stops_the_loop) {
+    bool ran = false;
+    uloop::get_instance().post([&ran] { ran = true; });
+    during_uloop_init = [] { std::thread([] { uloop::get_instance().exit(); }).join(); };
+    auto done = std::make_shared<std::promise<std::exception_ptr>>();
+    auto finished = done->get_future();
+    // Detached, so that a loop that missed the exit fails the test instead of hanging it.
+    std::thread([done] {
+        try {
+            uloop::get_instance().run();
+            done->set_value(nullptr);
+        } catch (...) {
+            done->set_value(std::current_exception());
+        }
+    }).detach();
+    const auto status = finished.wait_for(std::chrono::seconds(10));
+    during_uloop_init = nullptr;
+    ASSERT_EQ(status, std::future_status::ready) << "the loop missed the exit";
+    EXPECT_EQ(finished.get(), nullptr);
+    EXPECT_FALSE(ran);
 }
 
 } // namespace
