@@ -23,7 +23,20 @@ namespace orvix {
 /// get_instance), and every handler runs there later: never inside the call that
 /// registered it, at most once for a completion handler, and not at all once the link
 /// returned for it has been released. Bus outcomes reach handlers as std::error_code in
-/// the categories of <orvix/error.h>; they are never thrown.
+/// the categories of <orvix/error.h>; they are never thrown. A completion handler finds
+/// its own link already inactive, so it may release it (or let a scoped_link go).
+///
+/// Signals and children stay the program's. libubox's uloop_init, which libubus runs on
+/// every connection, installs handlers for SIGINT, SIGTERM and SIGCHLD and ignores
+/// SIGPIPE wherever the program left the default; the client puts back every disposition
+/// right after each such call, and never reaps children. What remains is the short moment
+/// inside a connection attempt: a SIGINT or SIGTERM arriving just then stops the client's
+/// loop thread (see below), and SIGPIPE or SIGCHLD arriving then is ignored.
+///
+/// Should the client's loop thread ever stop (work on it threw, or the program's event
+/// loop is gone), every pending handler and every later one completes with an error:
+/// invokes, adds, removals and sends with "Connection failed", connects with the generic
+/// "Unknown error"; the state is then disconnected for good.
 class client {
 public:
     /// Connection state.
@@ -120,12 +133,17 @@ public:
     /// Withdraws the object `name`. `keep` decides only what happens when the connection
     /// ends before the removal is done: with `keep` true the object stays published and
     /// is registered again after the next connection; with `keep` false it is forgotten.
-    /// cancel() aborts pending removals: their objects stay published.
+    /// An object that is published but not on the bus when the removal reaches it (a
+    /// new connection has not registered it yet) answers "Not found" and is withdrawn
+    /// all the same. cancel() aborts pending removals: their objects stay published.
     virtual utils::link del_object(const std::string& name, bool keep,
                                    const std::function<void(const std::error_code&)>& handler) = 0;
 
-    /// Aborts everything pending (handlers get the generic "Aborted") and disconnects;
-    /// the client stays usable.
+    /// Aborts everything pending and disconnects; the client stays usable. Handlers
+    /// get the generic "Aborted", and aborted means not done: an object whose add was
+    /// pending is forgotten (not served, not registered again, its name free at once),
+    /// and an object whose removal was pending stays published and is registered again
+    /// after the next connection. Pending disconnects are told they succeeded.
     virtual void cancel() = 0;
 
     /// Chooses the bus socket used by later connection attempts; an empty path means

@@ -23,9 +23,10 @@ client_impl& client_impl::get_instance(const std::weak_ptr<utils::event_loop>& e
 
 client_impl::client_impl(const std::weak_ptr<utils::event_loop>& eloop)
     : prefix("orvix_impl::client: "), eloop(eloop), current_state(state::disconnected),
-      drain_hold(true), attempts(0), bus_context(nullptr) {
+      drain_hold(true), attempts(0), bus_context(nullptr), loop_failed(false) {
     reconnect_timer = get_eloop()->make_timer();
     token = std::make_shared<char>(0);
+    epoch_sync = token;
     if (eloop.expired()) {
         throw std::runtime_error(prefix + "Missing/expired event loop");
     }
@@ -50,24 +51,21 @@ client_impl::~client_impl() {
 }
 
 void client_impl::run_loop() {
-    auto& loop = uloop::get_instance();
     try {
-        loop.run();
+        uloop::get_instance().run();
         return;
     } catch (...) {
-        // Kept rather than rethrown: an exception leaving this thread would end the
-        // process.
-        loop_failure = std::current_exception();
+        // Not rethrown: an exception leaving this thread would end the process.
     }
-    // The bus socket was watched by the loop that has gone, so nothing more can be
-    // read from it. The context is given up as lost, and the loop runs on only to
-    // answer what is still posted: with no context and connecting refused, every
-    // later request fails with "Connection failed".
+    // The loop has gone, and with it whatever work it had not run yet. Nothing else
+    // touches the bus from now on, so the context is freed here, and the caller's side
+    // ends everything still pending, since no result will ever come for it.
+    freed_context freed = free_context_sync();
+    loop_failed = true;
     try {
-        loop.post([this] { lose_context_sync(); });
-        loop.run();
+        schedule_task([this, freed] { on_loop_failed(freed); });
     } catch (...) {
-        // A second failure ends the thread; what is posted afterwards is never run.
+        // The program's event loop has gone: no handler can run any more.
     }
 }
 
@@ -100,6 +98,11 @@ void client_impl::post_to_uloop(std::function<void()>&& fn) {
             post([this] { process_task_queue(); });
         }
     }
+    if (loop_failed) {
+        // Whatever asked for this work is pending on the caller's side; it fails there.
+        schedule_task([this] { on_loop_failed({}); });
+        return;
+    }
     uloop::get_instance().post(std::move(fn));
 }
 
@@ -125,7 +128,13 @@ void client_impl::post_from_uloop(std::function<void()>&& fn) {
     {
         std::lock_guard<std::mutex> lock(task_mutex);
         was_empty = task_queue.empty();
-        task_queue.push_back(std::move(fn));
+        // Results of work asked for before a cancel() are void: cancel() has already
+        // ended what was pending.
+        task_queue.push_back([epoch = epoch_sync, fn = std::move(fn)] {
+            if (!epoch.expired()) {
+                fn();
+            }
+        });
     }
     if (!was_empty) {
         return;

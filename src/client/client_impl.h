@@ -8,9 +8,9 @@
 #include <orvix/utils/event_loop.h>
 #include <orvix/utils/link.h>
 
+#include <atomic>
 #include <chrono>
 #include <deque>
-#include <exception>
 #include <functional>
 #include <list>
 #include <map>
@@ -114,15 +114,21 @@ private:
     void on_state_change(state s);
     void on_req_done(misc::signal<void, const std::error_code&>& done, state s,
                      const std::error_code& ec);
-    void connect_sync(const std::string& path, const std::weak_ptr<void>& epoch);
-    void on_connect_done(bool connected, const std::weak_ptr<void>& epoch);
-    void disconnect_sync(const std::weak_ptr<void>& epoch);
+    void connect_sync(const std::string& path);
+    void on_connect_done(bool connected);
+    void disconnect_sync();
     void lost_context_sync(ubus_context* lost);
     void lose_context_sync();
     freed_context free_context_sync();
     void on_context_freed(const freed_context& freed);
-    void on_disconnect_done(const std::weak_ptr<void>& epoch);
+    void on_disconnect_done();
     void on_connection_lost();
+    /// Ends every pending operation with `ec`, as if it had never been asked for: the
+    /// objects of pending adds are forgotten, those of pending removals stay published.
+    void abandon_pending(const std::error_code& ec);
+    /// The loop thread has stopped for good: everything pending and everything asked
+    /// for later fails, and the client stays disconnected.
+    void on_loop_failed(const freed_context& freed);
     /// The bus context when it can carry traffic, else null.
     ubus_context* live_context_sync() const;
     static void connection_lost_handler(ubus_context* ctx);
@@ -137,6 +143,15 @@ private:
     void on_invoke_reply(ubus_request* request, blob::attr&& reply, const std::error_code& ec);
     void on_invoke_done(ubus_request* request, const std::error_code& ec);
     void on_invoke_timeout(ubus_request* request);
+    enum class invoke_completion {
+        plain,              ///< the handler gets `ec`
+        with_replies_error, ///< a success becomes the first reply's decoding error
+        handler_required    ///< an empty handler is called all the same
+    };
+    /// Ends a pending invoke: takes it out of the table, then calls its handler once.
+    /// False when it had already ended.
+    bool finish_invoke(ubus_request* request, const std::error_code& ec,
+                       invoke_completion how = invoke_completion::plain);
     void cancel_invoke(const std::weak_ptr<invoke_ctx>& ctx);
     void abort_request_sync(const std::shared_ptr<ubus_request>& request);
 
@@ -197,8 +212,11 @@ private:
     // Held while connected; served calls watch it to know whether their connection
     // is still the one that delivered them.
     std::shared_ptr<void> connection;
-    // What stopped the loop thread's first run, if anything did.
-    std::exception_ptr loop_failure;
+    // Set once the loop thread has stopped for good.
+    std::atomic<bool> loop_failed;
+    // The liveness token as the loop thread knows it: what it posts back is dropped
+    // once that token has gone, since cancel() has already ended what was pending.
+    std::weak_ptr<void> epoch_sync;
 };
 
 } // namespace orvix

@@ -1,6 +1,7 @@
 #include "client/client_impl.h"
 #include "client/invoke_ctx.h"
 #include "client/object_ctx.h"
+#include "uloop/uloop_signals.h"
 
 #include <orvix/error.h>
 #include <orvix/misc/link.h>
@@ -95,13 +96,13 @@ void client_impl::connect_impl() {
 }
 
 void client_impl::request_connection() {
-    post_to_uloop([this, path = socket_path, epoch = get_tracker()] { connect_sync(path, epoch); });
+    post_to_uloop([this, path = socket_path] { connect_sync(path); });
     on_state_change(state::connecting);
 }
 
 void client_impl::request_disconnect() {
     connection.reset();
-    post_to_uloop([this, epoch = get_tracker()] { disconnect_sync(epoch); });
+    post_to_uloop([this] { disconnect_sync(); });
     on_state_change(state::disconnecting);
 }
 
@@ -141,21 +142,35 @@ void client_impl::on_state_change(state s) {
     }
 }
 
-void client_impl::on_req_done(misc::signal<void, const std::error_code&>& done, state s,
-                              const std::error_code& ec) {
-    on_state_change(s);
-    // Moved out before the list is cleared, so that the links report inactive before
-    // any handler runs.
-    std::vector<error_handler> handlers;
+namespace {
+
+// Completion handlers are one-shot: they leave the signal before any of them runs, so
+// that their links report inactive and a handler that asks again is kept for later.
+std::vector<client_impl::error_handler>
+take_handlers(misc::signal<void, const std::error_code&>& done) {
+    std::vector<client_impl::error_handler> handlers;
     for (auto& subscriber : done.subscribers()) {
         handlers.push_back(std::move(*subscriber));
     }
     done.subscribers().clear();
-    for (auto& handler : handlers) {
+    return handlers;
+}
+
+void call_handlers(const std::vector<client_impl::error_handler>& handlers,
+                   const std::error_code& ec) {
+    for (const auto& handler : handlers) {
         if (handler) {
             handler(ec);
         }
     }
+}
+
+} // namespace
+
+void client_impl::on_req_done(misc::signal<void, const std::error_code&>& done, state s,
+                              const std::error_code& ec) {
+    on_state_change(s);
+    call_handlers(take_handlers(done), ec);
 }
 
 void client_impl::cancel() {
@@ -170,47 +185,68 @@ void client_impl::cancel() {
         drain_hold = true;
     }
     const std::error_code aborted = error::make_error_code(error::generic::aborted);
-    while (!pending_invokes.empty()) {
-        const auto ctx = std::move(pending_invokes.begin()->second);
-        pending_invokes.erase(pending_invokes.begin());
-        const auto replies = std::move(ctx->replies);
-        const auto handler = std::move(ctx->handler);
-        ctx->timer.reset();
-        if (handler) {
-            handler(replies, aborted);
+    abandon_pending(aborted);
+    process_task_queue();
+    on_req_done(disconnect_handlers, state::disconnected, std::error_code());
+    on_req_done(connect_handlers, state::disconnected, aborted);
+    std::atomic_store(&token, std::shared_ptr<void>(std::make_shared<char>(0)));
+    // Posted directly, so as not to release the drain hold: the loop thread's results
+    // count again from here on.
+    uloop::get_instance().post([this, epoch = get_tracker()] { epoch_sync = epoch; });
+    post([this] { process_task_queue(); });
+}
+
+void client_impl::abandon_pending(const std::error_code& ec) {
+    for (auto it = published_objects.begin(); it != published_objects.end();) {
+        if (it->second->adding) {
+            it = published_objects.erase(it);
+            continue;
         }
+        it->second->removing = false;
+        ++it;
+    }
+    while (!pending_invokes.empty()) {
+        finish_invoke(pending_invokes.begin()->first, ec);
     }
     for (auto* pending : {&add_handlers, &del_handlers, &send_handlers}) {
         while (!pending->empty()) {
             error_handler handler = std::move(*pending->front());
             pending->pop_front();
             if (handler) {
-                handler(aborted);
+                handler(ec);
             }
         }
     }
-    process_task_queue();
-    on_req_done(disconnect_handlers, state::disconnected, std::error_code());
-    on_req_done(connect_handlers, state::disconnected, aborted);
-    std::atomic_store(&token, std::shared_ptr<void>(std::make_shared<char>(0)));
-    post([this] { process_task_queue(); });
 }
 
-void client_impl::on_connect_done(bool connected, const std::weak_ptr<void>& epoch) {
-    // After cancel() the connection is freed by the disconnect that cancel() posted.
-    if (epoch.expired()) {
-        return;
-    }
+void client_impl::on_loop_failed(const freed_context& freed) {
+    disable_auto_connect();
+    connection.reset();
+    on_context_freed(freed);
+    abandon_pending(error::make_error_code(error::msg::connection_failed));
+    const auto connects = take_handlers(connect_handlers);
+    const auto disconnects = take_handlers(disconnect_handlers);
+    on_state_change(state::disconnected);
+    call_handlers(disconnects, std::error_code());
+    call_handlers(connects, error::make_error_code(error::generic::unknown_error));
+}
+
+void client_impl::on_connect_done(bool connected) {
     const std::error_code ec =
         connected ? std::error_code() : error::make_error_code(error::generic::unknown_error);
     if (current_state == state::disconnecting) {
-        // A disconnect came in while connecting; it is carried out now.
-        on_req_done(connect_handlers, state::disconnecting, ec);
+        // A disconnect came in while connecting. It is under way before any handler
+        // runs, so that a handler asking to connect again is served after it.
         if (connected) {
             request_disconnect();
-        } else {
-            on_req_done(disconnect_handlers, state::disconnected, std::error_code());
+            call_handlers(take_handlers(connect_handlers), ec);
+            return;
         }
+        const auto connects = take_handlers(connect_handlers);
+        const auto disconnects = take_handlers(disconnect_handlers);
+        on_state_change(state::disconnected);
+        call_handlers(connects, ec);
+        call_handlers(disconnects, std::error_code());
         return;
     }
     if (connected) {
@@ -220,14 +256,12 @@ void client_impl::on_connect_done(bool connected, const std::weak_ptr<void>& epo
     on_req_done(connect_handlers, connected ? state::connected : state::disconnected, ec);
 }
 
-void client_impl::on_disconnect_done(const std::weak_ptr<void>& epoch) {
-    if (epoch.expired()) {
-        return;
-    }
+void client_impl::on_disconnect_done() {
     if (current_state == state::connecting) {
-        // A connect came in while disconnecting.
-        on_req_done(disconnect_handlers, state::connecting, std::error_code());
+        // A connect came in while disconnecting; it is under way before any handler
+        // runs, so that a handler asking to disconnect again is served after it.
         request_connection();
+        call_handlers(take_handlers(disconnect_handlers), std::error_code());
         return;
     }
     on_req_done(disconnect_handlers, state::disconnected, std::error_code());
@@ -244,18 +278,7 @@ void client_impl::on_connection_lost() {
 
 void client_impl::on_context_freed(const freed_context& freed) {
     for (const auto& entry : freed.requests) {
-        const auto it = pending_invokes.find(entry.first);
-        if (it == pending_invokes.end()) {
-            continue;
-        }
-        const auto ctx = std::move(it->second);
-        pending_invokes.erase(it);
-        const auto replies = std::move(ctx->replies);
-        const auto handler = std::move(ctx->handler);
-        ctx->timer.reset();
-        if (handler) {
-            handler(replies, error::make_error_code(error::msg::connection_failed));
-        }
+        finish_invoke(entry.first, error::make_error_code(error::msg::connection_failed));
     }
     for (const auto& entry : freed.objects) {
         const auto it = published_objects.find(entry.first);
@@ -269,9 +292,12 @@ ubus_context* client_impl::live_context_sync() const {
     return bus_context && !bus_context->sock.eof ? bus_context : nullptr;
 }
 
-void client_impl::connect_sync(const std::string& path, const std::weak_ptr<void>& epoch) {
-    if (!loop_failure) {
+void client_impl::connect_sync(const std::string& path) {
+    {
+        // ubus_connect runs uloop_init, which takes the program's signals again.
+        auto actions = save_uloop_signals();
         bus_context = ubus_connect(path.empty() ? nullptr : path.c_str());
+        actions.restore();
     }
     if (bus_context) {
         bus_context->connection_lost = &client_impl::connection_lost_handler;
@@ -281,13 +307,13 @@ void client_impl::connect_sync(const std::string& path, const std::weak_ptr<void
         }
     }
     const bool connected = bus_context != nullptr;
-    post_from_uloop([this, connected, epoch] { on_connect_done(connected, epoch); });
+    post_from_uloop([this, connected] { on_connect_done(connected); });
 }
 
-void client_impl::disconnect_sync(const std::weak_ptr<void>& epoch) {
-    post_from_uloop([this, freed = free_context_sync(), epoch] {
+void client_impl::disconnect_sync() {
+    post_from_uloop([this, freed = free_context_sync()] {
         on_context_freed(freed);
-        on_disconnect_done(epoch);
+        on_disconnect_done();
     });
 }
 

@@ -136,17 +136,7 @@ void client_impl::invoke_req_done_handler(ubus_request* req, int ret) {
 }
 
 void client_impl::on_invoke_failed(ubus_request* request, const std::error_code& ec) {
-    const auto it = pending_invokes.find(request);
-    if (it == pending_invokes.end()) {
-        return;
-    }
-    const auto ctx = std::move(it->second);
-    pending_invokes.erase(it);
-    const auto handler = std::move(ctx->handler);
-    ctx->timer.reset();
-    if (handler) {
-        handler(ctx->replies, ec);
-    }
+    finish_invoke(request, ec);
 }
 
 void client_impl::on_invoke_reply(ubus_request* request, blob::attr&& reply,
@@ -163,19 +153,7 @@ void client_impl::on_invoke_reply(ubus_request* request, blob::attr&& reply,
 }
 
 void client_impl::on_invoke_done(ubus_request* request, const std::error_code& ec) {
-    const auto it = pending_invokes.find(request);
-    if (it == pending_invokes.end()) {
-        return;
-    }
-    const auto ctx = std::move(it->second);
-    pending_invokes.erase(it);
-    const auto replies = std::move(ctx->replies);
-    const auto handler = std::move(ctx->handler);
-    ctx->timer.reset();
-    ctx->request.reset();
-    if (handler) {
-        handler(replies, ec.value() != 0 ? ec : ctx->error);
-    }
+    finish_invoke(request, ec, invoke_completion::with_replies_error);
 }
 
 void client_impl::on_invoke_timeout(ubus_request* request) {
@@ -183,12 +161,31 @@ void client_impl::on_invoke_timeout(ubus_request* request) {
     if (it == pending_invokes.end()) {
         return;
     }
-    const auto ctx = std::move(it->second);
-    pending_invokes.erase(it);
-    post_to_uloop([this, req = ctx->request] { abort_request_sync(req); });
+    post_to_uloop([this, req = it->second->request] { abort_request_sync(req); });
     // Not checked for emptiness, unlike a completion: an invoke without a handler
     // that times out is a caller's mistake and surfaces as std::bad_function_call.
-    ctx->handler(ctx->replies, error::make_error_code(error::msg::timeout));
+    finish_invoke(request, error::make_error_code(error::msg::timeout),
+                  invoke_completion::handler_required);
+}
+
+bool client_impl::finish_invoke(ubus_request* request, const std::error_code& ec,
+                                invoke_completion how) {
+    const auto it = pending_invokes.find(request);
+    if (it == pending_invokes.end()) {
+        return false;
+    }
+    auto replies = std::move(it->second->replies);
+    auto handler = std::move(it->second->handler);
+    const std::error_code first_bad_reply = it->second->error;
+    // Erasing drops the context, the owner of the invoke's link, so that the handler
+    // finds its link inactive and may release it (or let a scoped_link go) freely.
+    pending_invokes.erase(it);
+    const std::error_code outcome =
+        how == invoke_completion::with_replies_error && !ec ? first_bad_reply : ec;
+    if (handler || how == invoke_completion::handler_required) {
+        handler(replies, outcome);
+    }
+    return true;
 }
 
 void client_impl::cancel_invoke(const std::weak_ptr<invoke_ctx>& weak) {

@@ -163,7 +163,11 @@ void client_impl::register_published_objects() {
 
 void client_impl::on_object_added(const std::weak_ptr<object_ctx>& ctx, const std::error_code& ec) {
     const auto object = ctx.lock();
-    if (!ec || !object) {
+    if (!object) {
+        return;
+    }
+    object->adding = false;
+    if (!ec) {
         return;
     }
     // A failed add leaves nothing behind, so that it may be retried.
@@ -179,7 +183,9 @@ void client_impl::on_object_deleted(const std::shared_ptr<object_ctx>& ctx,
     if (it == published_objects.end() || !ctx->removing) {
         return;
     }
-    if (!ec) {
+    if (!ec || ec == error::msg::not_found) {
+        // Not found: the object was not on the bus, as between a new connection and
+        // its registration; withdrawn all the same, so that it does not come back.
         published_objects.erase(it);
     } else if (ec == error::msg::connection_failed) {
         settle_removal(it);

@@ -15,6 +15,8 @@ public:
     /// Forget the object if the connection ends before its removal is done: the
     /// negation of del_object's `keep`.
     bool keep = false;
+    /// Set until the add's outcome is known; cancel() forgets such an object.
+    bool adding = true;
     /// Set by del_object; the name is then free for a new object.
     bool removing = false;
     std::string name;

@@ -2,9 +2,14 @@
 
 #include <orvix/error.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -285,6 +290,56 @@ TEST_F(connection_test, reconnects_after_the_daemon_returns) {
     EXPECT_EQ(call_over_bus("orvix.test.reconnect", "ping", "none"),
               (std::vector<std::string>{"reply", "field text pong", "status 0"}));
     expect_proper_calls(pending->where, 1);
+}
+
+TEST_F(connection_test, a_handler_that_asks_again_is_served_after_the_request_under_way) {
+    // connect() from a connect handler while a disconnect is pending...
+    auto again = std::make_shared<completion>();
+    bus().connect([again](const std::error_code&) { bus().connect(recorder(again)); });
+    bus().disconnect({});
+    ASSERT_TRUE(run_until([&again] { return again->where.calls > 0; }));
+    EXPECT_FALSE(again->ec);
+    EXPECT_EQ(bus().get_state(), state::connected);
+
+    // ...and disconnect() from a disconnect handler while a connect is pending.
+    auto once_more = std::make_shared<completion>();
+    bus().disconnect(
+        [once_more](const std::error_code&) { bus().disconnect(recorder(once_more)); });
+    bus().connect({});
+    ASSERT_TRUE(run_until([&once_more] { return once_more->where.calls > 0; }));
+    EXPECT_FALSE(once_more->ec);
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+    expect_proper_calls(again->where, 1);
+    expect_proper_calls(once_more->where, 1);
+}
+
+TEST_F(connection_test, a_connected_program_keeps_its_signals_and_its_children) {
+    const int signals[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+    struct sigaction original[4];
+    for (int i = 0; i < 4; ++i) {
+        sigaction(signals[i], nullptr, &original[i]);
+        signal(signals[i], SIG_DFL);
+    }
+    // Every connection runs uloop_init again: a first one, and one after a disconnect.
+    for (int round = 0; round < 2; ++round) {
+        connect_client();
+        for (const int signum : signals) {
+            struct sigaction now {};
+            sigaction(signum, nullptr, &now);
+            EXPECT_EQ(now.sa_handler, SIG_DFL) << "signal " << signum << ", round " << round;
+        }
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(7);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child) << std::strerror(errno);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7);
+        reset_client();
+    }
+    for (int i = 0; i < 4; ++i) {
+        sigaction(signals[i], &original[i], nullptr);
+    }
 }
 
 } // namespace

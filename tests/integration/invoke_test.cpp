@@ -1,11 +1,13 @@
 #include "bus_fixture.h"
 
 #include <orvix/error.h>
+#include <orvix/utils/scoped_link.h>
 
 #include <chrono>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace {
@@ -202,6 +204,49 @@ TEST_F(invoke_test, fails_at_once_while_disconnected) {
 TEST_F(invoke_test, an_empty_handler_is_accepted) {
     bus().invoke("test.service", "many", {}, {}, std::chrono::seconds(0));
     flush();
+}
+
+TEST_F(invoke_test, a_handler_may_release_its_own_link) {
+    // The link has ended by the time its handler runs, on every way an invoke ends.
+    const struct {
+        const char* method;
+        int timeout;
+        bool cancel;
+    } endings[] = {{"none", 0, false}, {"silent", 1, false}, {"silent", 0, true}};
+    for (const auto& ending : endings) {
+        for (const bool scoped : {false, true}) {
+            SCOPED_TRACE(std::string(ending.method) + (scoped ? " scoped" : " plain"));
+            struct own_link {
+                orvix::utils::link plain;
+                std::optional<orvix::utils::scoped_link> scoped;
+                probe where;
+                bool active_inside = true;
+            };
+            auto own = std::make_shared<own_link>();
+            auto lnk = bus().invoke(
+                "test.service", ending.method, {},
+                [own](const std::list<attr>&, const std::error_code&) {
+                    own->where.hit();
+                    own->active_inside = own->plain.active();
+                    own->plain.release();
+                    own->scoped.reset();
+                },
+                std::chrono::seconds(ending.timeout));
+            if (scoped) {
+                own->scoped.emplace(std::move(lnk));
+            } else {
+                own->plain = lnk;
+            }
+            if (ending.cancel) {
+                bus().cancel();
+                connect_client();
+            }
+            ASSERT_TRUE(run_until([&own] { return own->where.calls > 0; }));
+            flush();
+            expect_proper_calls(own->where, 1);
+            EXPECT_FALSE(own->active_inside);
+        }
+    }
 }
 
 } // namespace

@@ -233,4 +233,49 @@ TEST_F(publish_test, a_removal_cut_short_by_the_connection_keeps_the_object_if_a
     EXPECT_FALSE(readded->ec);
 }
 
+TEST_F(publish_test, cancel_undoes_the_adds_and_removals_in_flight) {
+    wait(
+        add("orvix.test.staying", {{"greet", recording(std::make_shared<served>(), text_policy)}}));
+    const auto adding =
+        add("orvix.test.aborted", {{"greet", recording(std::make_shared<served>(), text_policy)}});
+    const auto removing = del("orvix.test.staying");
+    bus().cancel();
+    EXPECT_EQ(adding->ec, orvix::error::generic::aborted);
+    EXPECT_EQ(removing->ec, orvix::error::generic::aborted);
+
+    // Aborted means not done: the aborted add is neither served nor registered again,
+    // and its name is free; the object whose removal was aborted is served again.
+    connect_client();
+    EXPECT_EQ(call_over_bus("orvix.test.aborted", "greet", "none"), (lines{"status 4"}));
+    EXPECT_EQ(call_over_bus("orvix.test.staying", "greet", "text"),
+              (lines{"reply", "field text hello!", "status 0"}));
+    const auto readded = add("orvix.test.aborted", {});
+    wait(readded);
+    EXPECT_FALSE(readded->ec);
+    expect_proper_calls(adding->where, 1);
+    expect_proper_calls(removing->where, 1);
+}
+
+TEST_F(publish_test, a_removal_asked_for_while_reconnecting_withdraws_the_object) {
+    wait(add("orvix.test.between", {{"greet", recording(std::make_shared<served>(), {})}}));
+    bool done = false;
+    bus().disconnect([&done](const std::error_code&) { done = true; });
+    ASSERT_TRUE(run_until([&done] { return done; }));
+    // Asked for in the same turn as the connection, the removal reaches the loop thread
+    // between the new connection and the object's registration on it.
+    done = false;
+    bus().connect([&done](const std::error_code&) { done = true; });
+    const auto removed = del("orvix.test.between");
+    wait(removed);
+    ASSERT_TRUE(run_until([&done] { return done; }));
+    EXPECT_EQ(removed->ec, orvix::error::msg::not_found);
+    EXPECT_EQ(call_over_bus("orvix.test.between", "greet", "none"), (lines{"status 4"}));
+
+    done = false;
+    bus().disconnect([&done](const std::error_code&) { done = true; });
+    ASSERT_TRUE(run_until([&done] { return done; }));
+    connect_client();
+    EXPECT_EQ(call_over_bus("orvix.test.between", "greet", "none"), (lines{"status 4"}));
+}
+
 } // namespace
