@@ -73,20 +73,25 @@ int events_register(struct client* cl, struct blob_attr* data) {
     struct event_pattern* p;
     struct object* obj;
     const char* pattern;
+    uint32_t id;
 
     if (!data || blobmsg_parse(register_policy, __REGISTER_MAX, tb, blob_data(data),
                                (unsigned int)blob_len(data)) < 0)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (!tb[REGISTER_OBJECT] || !tb[REGISTER_PATTERN])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (!cl->privileged)
+    pattern = blobmsg_get_string(tb[REGISTER_PATTERN]);
+    if (!pattern[0] || !cl->privileged)
         return UBUS_STATUS_PERMISSION_DENIED;
-    obj = object_find(blobmsg_get_u32(tb[REGISTER_OBJECT]));
+    id = blobmsg_get_u32(tb[REGISTER_OBJECT]);
+    /* The system objects cannot listen. */
+    if (id < UBUS_SYSTEM_OBJECT_MAX)
+        return UBUS_STATUS_PERMISSION_DENIED;
+    obj = object_find(id);
     if (!obj)
         return UBUS_STATUS_NOT_FOUND;
     if (obj->owner != cl)
         return UBUS_STATUS_PERMISSION_DENIED;
-    pattern = blobmsg_get_string(tb[REGISTER_PATTERN]);
     if (has_pattern(obj, pattern))
         return UBUS_STATUS_OK;
     p = malloc(sizeof(*p) + strlen(pattern) + 1);

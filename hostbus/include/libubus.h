@@ -156,6 +156,14 @@ struct ubus_context {
     };
 };
 
+/* A connection that is retried every second until it is made, and made again after a loss. */
+struct ubus_auto_conn {
+    struct ubus_context ctx;
+    struct uloop_timeout timer;
+    const char* path;
+    ubus_connect_handler_t cb; /* after the first connection only */
+};
+
 struct ubus_object_data {
     uint32_t id;
     uint32_t type_id;
@@ -219,6 +227,7 @@ struct ubus_notify_request {
 struct ubus_context* ubus_connect(const char* path);
 int ubus_connect_ctx(struct ubus_context* ctx, const char* path);
 int ubus_reconnect(struct ubus_context* ctx, const char* path);
+void ubus_auto_connect(struct ubus_auto_conn* conn);
 
 /* For contexts from ubus_connect. */
 void ubus_free(struct ubus_context* ctx);

@@ -1,5 +1,6 @@
-/* The event loop: epoll for file descriptors, a sorted list of timeouts, child reaping on
- * SIGCHLD, and a self-pipe through which signal handlers wake the loop. */
+/* The event loop: epoll for file descriptors, a sorted list of timeouts, timerfd intervals,
+ * child reaping on SIGCHLD, and a self-pipe through which signal handlers wake the loop,
+ * one byte per signal so that the loop knows which arrived. */
 #include "libubox/uloop.h"
 
 #include <errno.h>
@@ -7,6 +8,7 @@
 #include <limits.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -36,6 +38,7 @@ static struct uloop_fd waker_fd;
 
 static LIST_HEAD(timeouts);
 static LIST_HEAD(processes);
+static LIST_HEAD(signals); /* struct uloop_signal, by ascending signo */
 
 static struct fd_event cur_fds[ULOOP_MAX_EVENTS];
 static int cur_fd;
@@ -63,9 +66,10 @@ static int64_t tv_diff_ms(const struct timeval* a, const struct timeval* b) {
     return ((int64_t)(a->tv_sec - b->tv_sec) * 1000000 + (a->tv_usec - b->tv_usec)) / 1000;
 }
 
-static void wake_loop(void) {
+static void wake_loop(int signo) {
     int saved_errno = errno;
-    ssize_t written = write(waker_pipe[1], "w", 1);
+    unsigned char byte = (unsigned char)signo;
+    ssize_t written = write(waker_pipe[1], &byte, 1);
 
     (void)written; /* a full pipe already guarantees a wake-up */
     errno = saved_errno;
@@ -79,33 +83,47 @@ static void wake_loop(void) {
 static void handle_stop_signal(int signo) {
     flag_set(run_status, signo);
     flag_set(uloop_cancelled, true);
-    wake_loop();
+    wake_loop(signo);
 }
 
-static void handle_sigchld(int signo) {
-    (void)signo;
-    flag_set(reap_pending, 1);
-    wake_loop();
+/* SIGCHLD and every signal given to uloop_signal_add. */
+static void handle_wake_signal(int signo) {
+    if (signo == SIGCHLD && uloop_handle_sigchld)
+        flag_set(reap_pending, 1);
+    wake_loop(signo);
 }
 
+/* Each signal seen since the last drain calls back its registrations once, lowest first. */
 static void drain_waker(struct uloop_fd* u, unsigned int events) {
-    char buf[64];
+    bool seen[NSIG] = {false};
+    struct uloop_signal *s, *tmp;
+    unsigned char buf[64];
+    ssize_t n;
 
     (void)events;
-    while (read(u->fd, buf, sizeof(buf)) > 0)
-        ;
+    while ((n = read(u->fd, buf, sizeof(buf))) > 0) {
+        for (ssize_t i = 0; i < n; i++)
+            if (buf[i] < NSIG)
+                seen[buf[i]] = true;
+    }
+    list_for_each_entry_safe(s, tmp, &signals, list) {
+        if (s->signo > 0 && s->signo < NSIG && seen[s->signo])
+            s->cb(s);
+    }
 }
 
-/* Installs `handler` only where the program left the default disposition. */
+/* Installs `handler` only where the disposition is the default at this moment, which is
+ * then what release_signal gives back; anything else stays, and so does the earlier save. */
 static void take_signal(int signo, void (*handler)(int), struct sigaction* saved) {
-    struct sigaction sa;
+    struct sigaction cur;
 
-    if (sigaction(signo, NULL, saved) < 0 || saved->sa_handler != SIG_DFL)
+    if (sigaction(signo, NULL, &cur) < 0 || cur.sa_handler != SIG_DFL)
         return;
-    memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = handler;
-    sigemptyset(&sa.sa_mask);
-    sigaction(signo, &sa, NULL);
+    if (saved)
+        *saved = cur;
+    cur.sa_handler = handler;
+    cur.sa_flags = 0;
+    sigaction(signo, &cur, NULL);
 }
 
 /* Gives the signal back only if nobody replaced our handler in the meantime. */
@@ -117,25 +135,20 @@ static void release_signal(int signo, void (*handler)(int), const struct sigacti
 }
 
 static void take_signals(void) {
-    struct sigaction saved_sigpipe;
-
     take_signal(SIGINT, handle_stop_signal, &saved_sigint);
     take_signal(SIGTERM, handle_stop_signal, &saved_sigterm);
     if (uloop_handle_sigchld)
-        take_signal(SIGCHLD, handle_sigchld, &saved_sigchld);
-    take_signal(SIGPIPE, SIG_IGN, &saved_sigpipe);
+        take_signal(SIGCHLD, handle_wake_signal, &saved_sigchld);
+    take_signal(SIGPIPE, SIG_IGN, NULL);
 }
 
 static void release_signals(void) {
     release_signal(SIGINT, handle_stop_signal, &saved_sigint);
     release_signal(SIGTERM, handle_stop_signal, &saved_sigterm);
-    release_signal(SIGCHLD, handle_sigchld, &saved_sigchld);
+    release_signal(SIGCHLD, handle_wake_signal, &saved_sigchld);
 }
 
-int uloop_init(void) {
-    if (poll_fd >= 0)
-        return 0;
-
+static int create_poll_and_waker(void) {
     poll_fd = epoll_create1(EPOLL_CLOEXEC);
     if (poll_fd < 0)
         return -1;
@@ -146,8 +159,6 @@ int uloop_init(void) {
     waker_fd.cb = drain_waker;
     if (uloop_fd_add(&waker_fd, ULOOP_READ) < 0)
         goto fail_pipe;
-
-    take_signals();
     return 0;
 
 fail_pipe:
@@ -158,6 +169,16 @@ fail_poll:
     close(poll_fd);
     poll_fd = -1;
     return -1;
+}
+
+/* The descriptors are made once, but the signals are looked at again on every call: a
+ * default disposition restored since then is taken over anew. */
+int uloop_init(void) {
+    if (poll_fd < 0 && create_poll_and_waker() < 0)
+        return -1;
+
+    take_signals();
+    return 0;
 }
 
 static unsigned int epoll_flags(unsigned int flags) {
@@ -426,6 +447,100 @@ int uloop_process_delete(struct uloop_process* p) {
 
     list_del(&p->list);
     p->pending = false;
+    return 0;
+}
+
+static void interval_expired(struct uloop_fd* u, unsigned int events) {
+    struct uloop_interval* timer = container_of(u, struct uloop_interval, priv.ufd);
+    uint64_t count;
+
+    (void)events;
+    if (read(u->fd, &count, sizeof(count)) != (ssize_t)sizeof(count))
+        return;
+    timer->expirations += count;
+    timer->cb(timer);
+}
+
+/* The first expiry is one period away; re-setting an active interval re-arms its timerfd. */
+int uloop_interval_set(struct uloop_interval* timer, unsigned int msecs) {
+    struct uloop_fd* u = &timer->priv.ufd;
+    struct itimerspec spec = {
+        .it_value = {.tv_sec = msecs / 1000, .tv_nsec = (long)(msecs % 1000) * 1000000},
+    };
+
+    spec.it_interval = spec.it_value;
+    if (!u->registered) {
+        u->fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+        if (u->fd < 0)
+            goto fail;
+        u->cb = interval_expired;
+    }
+    if (timerfd_settime(u->fd, 0, &spec, NULL) < 0 || uloop_fd_add(u, ULOOP_READ) < 0)
+        goto fail;
+    return 0;
+
+fail:
+    if (u->fd >= 0) {
+        uloop_fd_delete(u);
+        close(u->fd);
+    }
+    memset(u, 0, sizeof(*u));
+    return -1;
+}
+
+int uloop_interval_cancel(struct uloop_interval* timer) {
+    struct uloop_fd* u = &timer->priv.ufd;
+
+    if (!u->registered)
+        return -1;
+    uloop_fd_delete(u);
+    close(u->fd);
+    memset(u, 0, sizeof(*u));
+    return 0;
+}
+
+int64_t uloop_interval_remaining(struct uloop_interval* timer) {
+    struct itimerspec spec;
+
+    if (!timer->priv.ufd.registered || timerfd_gettime(timer->priv.ufd.fd, &spec) < 0)
+        return -1;
+    return (int64_t)spec.it_value.tv_sec * 1000 + spec.it_value.tv_nsec / 1000000;
+}
+
+int uloop_signal_add(struct uloop_signal* s) {
+    struct uloop_signal* tmp;
+    struct sigaction sa;
+
+    if (s->pending)
+        return -1;
+
+    list_for_each_entry(tmp, &signals, list) {
+        if (tmp->signo > s->signo)
+            break;
+    }
+    list_add_tail(&s->list, &tmp->list);
+    s->pending = true;
+
+    sigaction(s->signo, NULL, &s->orig);
+    if (s->orig.sa_handler != handle_wake_signal) {
+        memset(&sa, 0, sizeof(sa));
+        sa.sa_handler = handle_wake_signal;
+        sigemptyset(&sa.sa_mask);
+        sigaction(s->signo, &sa, NULL);
+    }
+    return 0;
+}
+
+/* The handler found by uloop_signal_add comes back, unless it was the wake-up handler that
+ * SIGCHLD or another registration still relies on. */
+int uloop_signal_delete(struct uloop_signal* s) {
+    if (!s->pending)
+        return -1;
+
+    list_del(&s->list);
+    s->pending = false;
+    if (s->orig.sa_handler != handle_wake_signal)
+        sigaction(s->signo, &s->orig, NULL);
     return 0;
 }
 

@@ -47,7 +47,7 @@ static int ubus_status_of(struct blob_attr* msg) {
 }
 
 /* While its callbacks run the request is blocked: replies reaching it from a nested wait are
- * held back and delivered afterwards, in order. */
+ * held back and delivered afterwards. */
 static void ubus_request_data(struct ubus_request* req, struct blob_attr* msg) {
     struct blob_attr* tb[UBUS_ATTR_MAX];
 
@@ -110,8 +110,11 @@ void ubus_process_req_msg(struct ubus_context* ctx, const struct ubus_msghdr* hd
     if (req->blocked) {
         struct ubus_queued_msg* held = ubus_queued_msg_new(hdr, msg);
 
-        if (held)
+        /* DATA goes in front, so held data comes out newest first; the STATUS stays last. */
+        if (held && hdr->type == UBUS_MSG_STATUS)
             list_add_tail(&held->list, &req->pending);
+        else if (held)
+            list_add(&held->list, &req->pending);
         return;
     }
     if (hdr->type == UBUS_MSG_STATUS) {

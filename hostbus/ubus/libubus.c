@@ -1,4 +1,5 @@
-/* Connections: connecting, reconnecting, shutting down, and status texts. */
+/* Connections: connecting, reconnecting (also automatically), shutting down, and status
+ * texts. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -95,9 +96,10 @@ static int ubus_connect_socket(struct ubus_context* ctx, const char* path) {
     if (ctx->sock.fd < 0)
         return UBUS_STATUS_CONNECTION_FAILED;
 
+    /* The closed descriptor's number stays in sock.fd, to be closed once more by the next
+     * reconnect or shutdown. */
     if (!ubus_read_hello(ctx)) {
         close(ctx->sock.fd);
-        ctx->sock.fd = -1;
         return UBUS_STATUS_UNKNOWN_ERROR;
     }
     flags = fcntl(ctx->sock.fd, F_GETFL);
@@ -158,6 +160,44 @@ int ubus_reconnect(struct ubus_context* ctx, const char* path) {
         return ret;
     ubus_readd_objects(ctx);
     return 0;
+}
+
+static void ubus_auto_reconnect_cb(struct uloop_timeout* timer) {
+    struct ubus_auto_conn* conn = container_of(timer, struct ubus_auto_conn, timer);
+
+    if (ubus_reconnect(&conn->ctx, conn->path)) {
+        uloop_timeout_set(timer, 1000);
+        return;
+    }
+    ubus_add_uloop(&conn->ctx);
+}
+
+/* Reconnecting is silent, and conn->cb is not called again. */
+static void ubus_auto_connection_lost(struct ubus_context* ctx) {
+    struct ubus_auto_conn* conn = container_of(ctx, struct ubus_auto_conn, ctx);
+
+    conn->timer.cb = ubus_auto_reconnect_cb;
+    uloop_timeout_set(&conn->timer, 1000);
+}
+
+/* Every attempt is a fresh ubus_connect_ctx, so each one takes the signals over again. */
+static void ubus_auto_connect_cb(struct uloop_timeout* timer) {
+    struct ubus_auto_conn* conn = container_of(timer, struct ubus_auto_conn, timer);
+
+    if (ubus_connect_ctx(&conn->ctx, conn->path)) {
+        uloop_timeout_set(timer, 1000);
+        fprintf(stderr, "failed to connect to ubus\n");
+        return;
+    }
+    conn->ctx.connection_lost = ubus_auto_connection_lost;
+    if (conn->cb)
+        conn->cb(&conn->ctx);
+    ubus_add_uloop(&conn->ctx);
+}
+
+void ubus_auto_connect(struct ubus_auto_conn* conn) {
+    conn->timer.cb = ubus_auto_connect_cb;
+    ubus_auto_connect_cb(&conn->timer);
 }
 
 void ubus_shutdown(struct ubus_context* ctx) {

@@ -7,10 +7,6 @@
 
 #include "list.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 /* Embedded in the element kept in the tree. */
 struct avl_node {
     struct list_head list; /* position in the tree's sorted list */
@@ -122,9 +118,5 @@ static inline void* __avl_find_element(const struct avl_tree* tree, const void* 
 
 #define avl_for_each_element_safe(tree, element, node_member, ptr)                                 \
     list_for_each_entry_safe(element, ptr, &(tree)->list_head, node_member.list)
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

@@ -5,10 +5,6 @@
 #include <stdbool.h>
 #include <stddef.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #ifndef container_of
 #define container_of(ptr, type, member) ((type*)((char*)(ptr)-offsetof(type, member)))
 #endif
@@ -145,9 +141,5 @@ static inline void list_splice_tail_init(struct list_head* list, struct list_hea
     _list_splice(list, head->prev, head);
     INIT_LIST_HEAD(list);
 }
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

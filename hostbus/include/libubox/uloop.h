@@ -1,5 +1,6 @@
-/* The event loop: file descriptors (epoll), timeouts, child processes, and the
- * SIGINT/SIGTERM/SIGCHLD handling that uloop_init installs. */
+/* The event loop: file descriptors (epoll), timeouts, periodic intervals, child processes,
+ * signals routed to loop callbacks, and the SIGINT/SIGTERM/SIGCHLD handling that uloop_init
+ * installs. */
 #ifndef __LIBUBOX_ULOOP_H
 #define __LIBUBOX_ULOOP_H
 
@@ -11,17 +12,17 @@
 
 #include "list.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 struct uloop_fd;
 struct uloop_timeout;
 struct uloop_process;
+struct uloop_interval;
+struct uloop_signal;
 
 typedef void (*uloop_fd_handler)(struct uloop_fd* u, unsigned int events);
 typedef void (*uloop_timeout_handler)(struct uloop_timeout* t);
 typedef void (*uloop_process_handler)(struct uloop_process* c, int ret);
+typedef void (*uloop_interval_handler)(struct uloop_interval* t);
+typedef void (*uloop_signal_handler)(struct uloop_signal* s);
 
 #define ULOOP_READ (1 << 0)
 #define ULOOP_WRITE (1 << 1)
@@ -59,6 +60,30 @@ struct uloop_process {
     pid_t pid;
 };
 
+/* Must start zeroed. */
+struct uloop_interval {
+    uloop_interval_handler cb;
+    uint64_t expirations; /* total expiries seen, never reset */
+
+    union {
+        struct uloop_fd ufd; /* the timerfd */
+        struct {
+            int64_t fired;
+            unsigned int msecs;
+        } time;
+    } priv;
+};
+
+/* Must start zeroed; the caller sets signo and cb. */
+struct uloop_signal {
+    struct list_head list;
+    struct sigaction orig; /* the disposition before uloop_signal_add */
+    bool pending;
+
+    uloop_signal_handler cb;
+    int signo;
+};
+
 extern bool uloop_cancelled;
 extern bool uloop_handle_sigchld;
 extern uloop_fd_handler uloop_fd_set_cb;
@@ -74,8 +99,15 @@ int uloop_timeout_remaining(struct uloop_timeout* timeout)
     __attribute__((deprecated("use uloop_timeout_remaining64")));
 int64_t uloop_timeout_remaining64(struct uloop_timeout* timeout);
 
+int uloop_interval_set(struct uloop_interval* timer, unsigned int msecs);
+int uloop_interval_cancel(struct uloop_interval* timer);
+int64_t uloop_interval_remaining(struct uloop_interval* timer);
+
 int uloop_process_add(struct uloop_process* p);
 int uloop_process_delete(struct uloop_process* p);
+
+int uloop_signal_add(struct uloop_signal* s);
+int uloop_signal_delete(struct uloop_signal* s);
 
 bool uloop_cancelling(void);
 
@@ -89,9 +121,5 @@ static inline int uloop_run(void) {
     return uloop_run_timeout(-1);
 }
 void uloop_done(void);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

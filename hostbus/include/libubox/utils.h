@@ -12,10 +12,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #ifndef ARRAY_SIZE
 #define ARRAY_SIZE(arr) (sizeof(arr) / sizeof((arr)[0]))
 #endif
@@ -58,9 +54,5 @@ void* __calloc_a(size_t len, ...);
 #define le64_to_cpu(x) cpu_to_le64(x)
 #define le32_to_cpu(x) cpu_to_le32(x)
 #define le16_to_cpu(x) cpu_to_le16(x)
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

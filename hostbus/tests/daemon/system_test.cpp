@@ -6,7 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <stdexcept>
 
 using namespace wire;
 
@@ -63,11 +67,27 @@ TEST_F(System, AclQueryAndMonitor) {
 TEST_F(System, RegisterAndSendEvents) {
     Client sender(socket()), listener(socket());
     uint32_t sobj = sender.add_anonymous(), lobj = listener.add_anonymous();
-    EXPECT_EQ(call(sender, 1, "register", std::nullopt), 2);
-    EXPECT_EQ(call(sender, 1, "register", field_u32("object", sobj)), 2);
-    EXPECT_EQ(call(sender, 1, "register", field_str("pattern", "*")), 2);
-    EXPECT_EQ(listen(sender, 5000, "*"), 4);
-    EXPECT_EQ(listen(sender, lobj, "*"), 6) << "someone else's object";
+    uint32_t named = sender.add_object("named", signature({}));
+    auto reg = [](uint32_t obj, const char* pattern) {
+        return cat({field_u32("object", obj), field_str("pattern", pattern)});
+    };
+    const struct {
+        std::optional<Bytes> args;
+        int status;
+    } registers[] = {
+        {std::nullopt, 2},
+        {field_u32("object", sobj), 2},
+        {field_str("pattern", "*"), 2},
+        {reg(sobj, ""), 6},
+        {reg(1, "*"), 6},    // a system object
+        {reg(1023, "*"), 6}, // below the first id a client object can have
+        {reg(5000, "*"), 4},
+        {reg(lobj, "*"), 6}, // someone else's object
+        {reg(named, "x"), 0},
+    };
+    for (const auto& r : registers)
+        EXPECT_EQ(call(sender, 1, "register", r.args), r.status)
+            << (r.args ? to_hex(*r.args) : "no data");
     EXPECT_EQ(call(sender, 1, "unknown", Bytes{}), 1);
     ASSERT_EQ(listen(sender, sobj, "custom.*"), 0);
     ASSERT_EQ(listen(listener, lobj, "custom.*"), 0);
@@ -183,21 +203,82 @@ TEST_F(OtherUsers, AccountlessUidIsTurnedAwayBeforeHello) {
     EXPECT_EQ(root.ping(), 0);
 }
 
+// A copy of the daemon, with the libraries it loads from the build tree, in a directory any
+// account can read: another account may not reach the build tree (a clone in a private home).
+class DaemonCopy {
+public:
+    DaemonCopy() {
+        char tmpl[] = "/tmp/orvix-ubusd-XXXXXX";
+        if (!mkdtemp(tmpl))
+            throw std::runtime_error("mkdtemp failed");
+        dir = tmpl;
+        chmod(dir.c_str(), 0755);
+        exe = place(ORVIX_TEST_UBUSD);
+        FILE* trace =
+            popen(("LD_TRACE_LOADED_OBJECTS=1 '" + std::string(ORVIX_TEST_UBUSD) + "' 2>/dev/null")
+                      .c_str(),
+                  "r");
+        char line[4096];
+        while (trace && fgets(line, sizeof(line), trace)) {
+            std::string lib(line), from = HOSTBUS_BUILD_DIR "/";
+            size_t at = lib.find("=> " + from), end = lib.find(" (");
+            if (at != std::string::npos && end != std::string::npos)
+                place(lib.substr(at + 3, end - at - 3));
+        }
+        if (trace)
+            pclose(trace);
+    }
+    ~DaemonCopy() {
+        for (const std::string& f : files_)
+            unlink(f.c_str());
+        rmdir(dir.c_str());
+    }
+
+    std::string dir, exe;
+
+private:
+    std::string place(const std::string& from) {
+        std::string to = dir + from.substr(from.rfind('/'));
+        std::ifstream in(from, std::ios::binary);
+        std::ofstream(to, std::ios::binary) << in.rdbuf();
+        chmod(to.c_str(), 0755);
+        files_.push_back(to);
+        return to;
+    }
+    std::vector<std::string> files_;
+};
+
 // A daemon run by an account without a passwd entry serves that account, which gets
-// its numeric ids as names.
+// its numeric ids as names. The real uid changes too, so that the loader honours
+// LD_LIBRARY_PATH; the saved uid brings root back.
 TEST(OwnAccount, AccountlessDaemonUserIsServed) {
     if (geteuid() != 0 || getpwuid(ghost))
         GTEST_SKIP() << "needs root and a uid " << ghost << " without an account";
+    DaemonCopy copy;
+    const char* old_path = getenv("LD_LIBRARY_PATH");
+    std::optional<std::string> saved_path;
+    if (old_path)
+        saved_path = old_path;
+    setenv("LD_LIBRARY_PATH", copy.dir.c_str(), 1);
     struct test_daemon d {};
-    ASSERT_EQ(seteuid(ghost), 0);
-    int started = test_daemon_start(&d, ORVIX_TEST_UBUSD);
+    ASSERT_EQ(setresuid(ghost, ghost, 0), 0);
+    int started = test_daemon_start(&d, copy.exe.c_str());
     std::unique_ptr<Client> owner, caller;
-    if (started == 0) {
-        owner = std::make_unique<Client>(d.socket);
-        caller = std::make_unique<Client>(d.socket);
+    try {
+        if (started == 0) {
+            owner = std::make_unique<Client>(d.socket);
+            caller = std::make_unique<Client>(d.socket);
+        }
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << e.what();
     }
-    ASSERT_EQ(seteuid(0), 0);
+    ASSERT_EQ(setresuid(0, 0, 0), 0);
+    if (saved_path)
+        setenv("LD_LIBRARY_PATH", saved_path->c_str(), 1);
+    else
+        unsetenv("LD_LIBRARY_PATH");
     ASSERT_EQ(started, 0);
+    ASSERT_TRUE(owner && caller);
     uint32_t obj = owner->add_object("ghost", signature({"m"}));
     caller->send(invoke(1, obj, "m"));
     std::optional<Msg> fwd = owner->recv();

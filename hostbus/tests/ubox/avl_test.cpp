@@ -2,7 +2,9 @@
 // gtest first: libubox defines __constructor, a parameter name in libstdc++'s <cxxabi.h>.
 #include <gtest/gtest.h>
 
+extern "C" {
 #include <libubox/avl.h>
+}
 
 #include <algorithm>
 #include <numeric>

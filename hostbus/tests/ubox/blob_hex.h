@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+extern "C" {
 #include <libubox/blobmsg.h>
+}
 
 inline std::string hex_of(const void* data, size_t len) {
     std::string out;

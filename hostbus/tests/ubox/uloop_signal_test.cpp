@@ -1,19 +1,25 @@
 // uloop and process-wide signal state: dispositions taken and given back, SIGINT/SIGTERM
-// ending the loop, SIGCHLD reaping. Every test restores the dispositions it changed.
+// ending the loop, SIGCHLD reaping, signals routed to callbacks. Every test restores the
+// dispositions it changed.
+extern "C" {
 #include <libubox/uloop.h>
+}
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <csignal>
+#include <dirent.h>
 #include <iterator>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
-const int watched[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE, SIGHUP};
+const int watched[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE, SIGHUP, SIGUSR1};
 
 // What a program can ask for in sa_flags (the C library adds flags of its own).
 const int user_flags =
@@ -71,34 +77,78 @@ protected:
     }
 };
 
-TEST_F(UloopSignals, InitTakesDefaultSignalsAndDoneGivesBackAllButSigpipe) {
-    ASSERT_EQ(uloop_init(), 0);
-    for (int signo : {SIGINT, SIGTERM, SIGCHLD}) {
-        struct sigaction sa = disposition(signo);
-        EXPECT_NE(sa.sa_handler, SIG_DFL) << signo;
-        EXPECT_NE(sa.sa_handler, SIG_IGN) << signo;
-        EXPECT_EQ(sa.sa_flags & user_flags, 0) << signo;
-    }
-    EXPECT_EQ(disposition(SIGPIPE).sa_handler, SIG_IGN);
-    EXPECT_EQ(disposition(SIGHUP).sa_handler, SIG_DFL);
+// uloop's handlers, told apart by what they are installed for: the one that ends the loop
+// (SIGINT, SIGTERM) and the one that only wakes it (SIGCHLD, uloop_signal).
+void (*stop_handler)(int);
+void (*wake_handler)(int);
 
-    uloop_done();
-    for (int signo : {SIGINT, SIGTERM, SIGCHLD})
-        EXPECT_EQ(disposition(signo).sa_handler, SIG_DFL) << signo;
-    EXPECT_EQ(disposition(SIGPIPE).sa_handler, SIG_IGN);
+std::string kind(int signo) {
+    void (*h)(int) = disposition(signo).sa_handler;
+    return h == SIG_DFL        ? "DFL"
+           : h == SIG_IGN      ? "IGN"
+           : h == user_handler ? "user"
+           : h == stop_handler ? "stop"
+           : h == wake_handler ? "wake"
+                               : "other";
 }
 
-TEST_F(UloopSignals, InitLeavesNonDefaultDispositionsAlone) {
-    set_disposition(SIGINT, user_handler);
-    set_disposition(SIGTERM, SIG_IGN);
-    set_disposition(SIGPIPE, user_handler);
+int open_fds() {
+    int n = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dir && readdir(dir))
+        n++;
+    if (dir)
+        closedir(dir);
+    return n;
+}
+
+// Each call starts from INT, TERM, CHLD and PIPE at their defaults, as the probe did.
+TEST_F(UloopSignals, EveryInitTakesWhatIsDefaultAtThatMoment) {
     ASSERT_EQ(uloop_init(), 0);
-    EXPECT_EQ(disposition(SIGINT).sa_handler, user_handler);
-    EXPECT_EQ(disposition(SIGTERM).sa_handler, SIG_IGN);
-    EXPECT_EQ(disposition(SIGPIPE).sa_handler, user_handler);
+    stop_handler = disposition(SIGINT).sa_handler;
+    wake_handler = disposition(SIGCHLD).sa_handler;
+    ASSERT_NE(stop_handler, wake_handler);
+    for (int signo : {SIGINT, SIGTERM, SIGCHLD})
+        EXPECT_EQ(disposition(signo).sa_flags & user_flags, 0) << signo;
     uloop_done();
-    EXPECT_EQ(disposition(SIGINT).sa_handler, user_handler);
-    EXPECT_EQ(disposition(SIGTERM).sa_handler, SIG_IGN);
+
+    const struct {
+        const char* what;
+        void (*setup)();
+        void (*call)();
+        const char* after; // INT TERM CHLD PIPE
+        int fds;
+    } probes[] = {
+        {"first init", [] {}, [] { uloop_init(); }, "stop stop wake IGN", 3},
+        {"second init", [] {}, [] { uloop_init(); }, "stop stop wake IGN", 0},
+        {"init over a user handler and an ignored signal",
+         [] {
+             set_disposition(SIGINT, user_handler);
+             set_disposition(SIGTERM, SIG_IGN);
+         },
+         [] { uloop_init(); }, "user IGN wake IGN", 0},
+        {"init then done", [] { uloop_init(); }, uloop_done, "DFL DFL DFL IGN", -3},
+        // An init that finds a foreign handler must not save it as what done gives back.
+        {"done after an init that found a user handler",
+         [] {
+             uloop_init();
+             set_disposition(SIGINT, user_handler);
+             uloop_init();
+             set_disposition(SIGINT, stop_handler);
+         },
+         uloop_done, "DFL DFL DFL IGN", -3},
+    };
+    for (const auto& p : probes) {
+        for (int signo : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE})
+            set_disposition(signo, SIG_DFL);
+        p.setup();
+        int fds = open_fds();
+        p.call();
+        EXPECT_EQ(kind(SIGINT) + " " + kind(SIGTERM) + " " + kind(SIGCHLD) + " " + kind(SIGPIPE),
+                  p.after)
+            << p.what;
+        EXPECT_EQ(open_fds() - fds, p.fds) << p.what;
+    }
 }
 
 TEST_F(UloopSignals, SigchldLeftAloneWhenNotHandled) {
@@ -113,13 +163,6 @@ TEST_F(UloopSignals, DoneKeepsHandlerInstalledByProgramAfterInit) {
     uloop_done();
     EXPECT_EQ(disposition(SIGINT).sa_handler, user_handler);
     EXPECT_EQ(disposition(SIGTERM).sa_handler, SIG_DFL);
-}
-
-TEST_F(UloopSignals, SecondInitChangesNothing) {
-    ASSERT_EQ(uloop_init(), 0);
-    set_disposition(SIGTERM, user_handler);
-    EXPECT_EQ(uloop_init(), 0);
-    EXPECT_EQ(disposition(SIGTERM).sa_handler, user_handler);
 }
 
 TEST_F(UloopSignals, SigintEndsRunWithStatus2AndNextRunStartsAtZero) {
@@ -151,6 +194,59 @@ TEST_F(UloopSignals, SigtermOnAnotherThreadWakesIdleLoop) {
     sender.join();
     EXPECT_EQ(status, SIGTERM);
     EXPECT_GT(uloop_timeout_remaining64(&guard.t), 5000);
+}
+
+std::vector<int> caught;
+
+struct Routed {
+    uloop_signal s;
+    ~Routed() { uloop_signal_delete(&s); }
+};
+
+Routed routed(int signo) {
+    Routed r{};
+    r.s.signo = signo;
+    r.s.cb = [](uloop_signal* s) {
+        caught.push_back(s->signo);
+        if (s->signo == SIGUSR1)
+            uloop_end();
+    };
+    return r;
+}
+
+TEST_F(UloopSignals, RoutedSignalsCallBackLowestFirstOncePerDrain) {
+    ASSERT_EQ(uloop_init(), 0);
+    void (*stop)(int) = disposition(SIGINT).sa_handler;
+    void (*wake)(int) = disposition(SIGCHLD).sa_handler;
+    Routed usr1 = routed(SIGUSR1), intr = routed(SIGINT), chld = routed(SIGCHLD);
+    for (Routed* r : {&usr1, &intr, &chld})
+        ASSERT_EQ(uloop_signal_add(&r->s), 0);
+    EXPECT_EQ(uloop_signal_add(&intr.s), -1);
+    EXPECT_EQ(disposition(SIGINT).sa_handler, wake);
+    EXPECT_EQ(disposition(SIGUSR1).sa_handler, wake);
+
+    caught.clear();
+    Timer fire = timer([] {
+        for (int signo : {SIGUSR1, SIGUSR1, SIGUSR1, SIGINT})
+            raise(signo);
+    });
+    Timer guard = timer(uloop_end);
+    uloop_timeout_set(&guard.t, 10000);
+    uloop_timeout_set(&fire.t, 0);
+    EXPECT_EQ(uloop_run(), 0) << "SIGINT no longer ends the loop";
+    EXPECT_FALSE(guard.fired);
+    EXPECT_EQ(caught, (std::vector<int>{SIGINT, SIGUSR1}));
+
+    // What was there before comes back, unless it was the wake-up handler.
+    const struct {
+        Routed* r;
+        void (*after)(int);
+    } deletes[] = {{&intr, stop}, {&usr1, SIG_DFL}, {&chld, wake}};
+    for (const auto& d : deletes) {
+        EXPECT_EQ(uloop_signal_delete(&d.r->s), 0) << d.r->s.signo;
+        EXPECT_EQ(uloop_signal_delete(&d.r->s), -1) << d.r->s.signo;
+        EXPECT_EQ(disposition(d.r->s.signo).sa_handler, d.after) << d.r->s.signo;
+    }
 }
 
 struct Child {

@@ -1,9 +1,14 @@
-// uloop: fd events and flags, batches, deletion from callbacks, timeouts, run/end semantics.
+// uloop: struct layouts, fd events and flags, batches, deletion from callbacks, timeouts,
+// intervals, run/end semantics.
+extern "C" {
 #include <libubox/uloop.h>
+}
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <fcntl.h>
 #include <string>
 #include <sys/socket.h>
@@ -139,6 +144,32 @@ protected:
     }
     void TearDown() override { uloop_done(); }
 };
+
+// Programs built against the device's header share these structs with the library.
+TEST(UloopLayout, MatchesTheDeviceOnLp64) {
+    if (sizeof(void*) != 8)
+        GTEST_SKIP() << "LP64 layout";
+    const struct {
+        const char* what;
+        size_t got, want;
+    } fields[] = {
+        {"sizeof uloop_fd", sizeof(uloop_fd), 16},
+        {"sizeof uloop_timeout", sizeof(uloop_timeout), 48},
+        {"sizeof uloop_process", sizeof(uloop_process), 40},
+        {"sizeof uloop_interval", sizeof(uloop_interval), 32},
+        {"uloop_interval.cb", offsetof(uloop_interval, cb), 0},
+        {"uloop_interval.expirations", offsetof(uloop_interval, expirations), 8},
+        {"uloop_interval.priv", offsetof(uloop_interval, priv), 16},
+        {"sizeof uloop_signal", sizeof(uloop_signal), 192},
+        {"uloop_signal.list", offsetof(uloop_signal, list), 0},
+        {"uloop_signal.orig", offsetof(uloop_signal, orig), 16},
+        {"uloop_signal.pending", offsetof(uloop_signal, pending), 168},
+        {"uloop_signal.cb", offsetof(uloop_signal, cb), 176},
+        {"uloop_signal.signo", offsetof(uloop_signal, signo), 184},
+    };
+    for (const auto& f : fields)
+        EXPECT_EQ(f.got, f.want) << f.what;
+}
 
 TEST_F(Uloop, ReadableFdGetsReadEvent) {
     Pipe p(true);
@@ -393,6 +424,55 @@ TEST_F(Uloop, ExpiredTimeoutsRunBetweenFdCallbacks) {
     EXPECT_EQ(trace, (std::vector<std::string>{"fd", "timer", "fd"}));
 }
 
+struct Interval {
+    uloop_interval i;
+    int calls;
+    int64_t remaining_in_cb;
+    ~Interval() { uloop_interval_cancel(&i); }
+};
+
+void interval_cb(uloop_interval* i) {
+    Interval* iv = reinterpret_cast<Interval*>(i);
+    iv->remaining_in_cb = uloop_interval_remaining(i);
+    if (++iv->calls == 2)
+        uloop_end();
+}
+
+TEST_F(Uloop, IntervalFiresEveryPeriodUntilCancelled) {
+    Interval iv{};
+    iv.i.cb = interval_cb;
+    EXPECT_EQ(uloop_interval_remaining(&iv.i), -1);
+    EXPECT_EQ(uloop_interval_cancel(&iv.i), -1);
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(uloop_interval_set(&iv.i, 100), 0);
+    EXPECT_GT(uloop_interval_remaining(&iv.i), 80);
+    EXPECT_LE(uloop_interval_remaining(&iv.i), 100);
+    Timer guard = timer("guard", end_loop);
+    uloop_timeout_set(&guard.t, 5000);
+    uloop_run();
+    EXPECT_EQ(guard.fired, 0);
+    EXPECT_EQ(iv.calls, 2);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_GE(iv.i.expirations, 2u);
+    EXPECT_GT(iv.remaining_in_cb, 50);
+    EXPECT_LE(iv.remaining_in_cb, 100);
+
+    EXPECT_EQ(uloop_interval_cancel(&iv.i), 0);
+    EXPECT_EQ(uloop_interval_cancel(&iv.i), -1);
+    EXPECT_EQ(uloop_interval_remaining(&iv.i), -1);
+    EXPECT_FALSE(iv.i.priv.ufd.registered);
+    EXPECT_EQ(iv.i.priv.ufd.fd, 0);
+    uint64_t seen = iv.i.expirations;
+    ASSERT_EQ(uloop_interval_set(&iv.i, 10), 0);
+    EXPECT_EQ(iv.i.expirations, seen) << "never reset";
+
+    uloop_interval_cancel(&iv.i);
+    uloop_done();
+    EXPECT_EQ(uloop_interval_set(&iv.i, 10), -1) << "no loop to register with";
+    EXPECT_EQ(iv.i.priv.ufd.fd, 0);
+    EXPECT_EQ(uloop_init(), 0);
+}
+
 TEST_F(Uloop, RunWithTimeoutReturnsAfterOneIdleIteration) {
     Timer later = timer("later");
     uloop_timeout_set(&later.t, 60000);
@@ -453,7 +533,7 @@ TEST_F(Uloop, CancellingIsTrueOnlyInsideACancelledRun) {
     EXPECT_FALSE(uloop_cancelling());
 }
 
-TEST_F(Uloop, InitIsIdempotent) {
+TEST_F(Uloop, SecondInitKeepsRegistrations) {
     Pipe p(true);
     Watch w = watch(p.a);
     ASSERT_EQ(uloop_fd_add(&w.u, ULOOP_READ), 0);

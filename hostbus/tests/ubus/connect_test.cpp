@@ -1,4 +1,9 @@
-// Connecting: HELLO handling, rejected greetings, reconnecting, status texts.
+// Connecting: HELLO handling, rejected greetings, reconnecting (also automatic), the signals
+// taken on the way, status texts.
+#include <fcntl.h>
+
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "wire_peer.h"
@@ -116,6 +121,155 @@ TEST(UbusReconnect, RepublishesObjectsUnderNewIds) {
     EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), UBUS_STATUS_INVALID_ARGUMENT);
     ubus_free(ctx);
     type.id = 0;
+}
+
+TEST(UbusReconnect, FailedHelloLeavesTheClosedDescriptorNumber) {
+    WirePeer daemon;
+    ubus_context* ctx = daemon.connect();
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_EQ(daemon.accepting(
+                  hex("00 02 00 00 d3 28 f7 07 | 00 00 00 04"),
+                  [&] { return ubus_reconnect(ctx, daemon.path()); }, true),
+              UBUS_STATUS_UNKNOWN_ERROR);
+    errno = 0;
+    EXPECT_GE(ctx->sock.fd, 0);
+    EXPECT_EQ(fcntl(ctx->sock.fd, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(ubus_reconnect(ctx, "/nonexistent/ubus.sock"), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(ctx->sock.fd, -1);
+    ubus_free(ctx);
+}
+
+const int taken_signals[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+
+// One letter per signal of taken_signals: D while it has its default disposition.
+std::string defaults() {
+    std::string out;
+    for (int signo : taken_signals) {
+        struct sigaction sa {};
+        sigaction(signo, nullptr, &sa);
+        out += sa.sa_handler == SIG_DFL ? 'D' : '-';
+    }
+    return out;
+}
+
+void reset_signals() {
+    for (int signo : taken_signals)
+        signal(signo, SIG_DFL);
+}
+
+// Runs uloop until `done` holds (looked at every 10 ms) or 5 s have passed.
+bool run_until(const std::function<bool()>& done) {
+    static const std::function<bool()>* check;
+    static int ticks;
+    check = &done;
+    ticks = 0;
+    uloop_timeout tick = {};
+    tick.cb = [](uloop_timeout* t) {
+        if ((*check)() || ++ticks > 500)
+            uloop_end();
+        else
+            uloop_timeout_set(t, 10);
+    };
+    uloop_timeout_set(&tick, 10);
+    uloop_run();
+    uloop_timeout_cancel(&tick);
+    return done();
+}
+
+class UbusSignals : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (size_t i = 0; i < std::size(taken_signals); i++)
+            sigaction(taken_signals[i], nullptr, &saved_[i]);
+    }
+    void TearDown() override {
+        for (size_t i = 0; i < std::size(taken_signals); i++)
+            sigaction(taken_signals[i], &saved_[i], nullptr);
+    }
+
+private:
+    struct sigaction saved_[std::size(taken_signals)];
+};
+
+// Setting up a context runs uloop_init, even when connecting fails; reconnecting does not.
+TEST_F(UbusSignals, ContextSetUpTakesDefaultSignalsAndReconnectingDoesNot) {
+    WirePeer daemon;
+    ubus_context *first = nullptr, *second = nullptr, own;
+    const struct {
+        const char* what;
+        std::function<void()> act;
+        const char* after;
+    } probes[] = {
+        {"ubus_connect", [&] { first = daemon.connect(); }, "----"},
+        {"second ubus_connect", [&] { second = daemon.connect(); }, "----"},
+        {"ubus_connect_ctx",
+         [&] {
+             daemon.accepting(capture_hello, [&] { return ubus_connect_ctx(&own, daemon.path()); });
+         },
+         "----"},
+        {"failing ubus_connect", [] { EXPECT_EQ(ubus_connect("/nonexistent/ubus.sock"), nullptr); },
+         "----"},
+        {"ubus_reconnect",
+         [&] {
+             EXPECT_EQ(daemon.accepting(capture_hello,
+                                        [&] { return ubus_reconnect(first, daemon.path()); }),
+                       0);
+         },
+         "DDDD"},
+    };
+    for (const auto& p : probes) {
+        reset_signals();
+        p.act();
+        EXPECT_EQ(defaults(), p.after) << p.what;
+    }
+    ASSERT_TRUE(first && second);
+    ubus_free(first);
+    ubus_free(second);
+    ubus_shutdown(&own);
+}
+
+// The first connection is retried noisily and announced; after a loss, reconnecting is
+// silent, unannounced, and leaves the signals alone.
+TEST_F(UbusSignals, AutoConnect) {
+    static Log log;
+    WirePeer daemon;
+    ubus_auto_conn conn = {};
+    conn.path = "/nonexistent/ubus.sock";
+    conn.cb = [](ubus_context*) { log.push_back("connected " + defaults()); };
+    reset_signals();
+    testing::internal::CaptureStderr();
+    ubus_auto_connect(&conn);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "failed to connect to ubus\n");
+    EXPECT_EQ(defaults(), "----") << "taken although the attempt failed";
+    EXPECT_GT(uloop_timeout_remaining64(&conn.timer), 900);
+
+    conn.path = daemon.path();
+    reset_signals();
+    EXPECT_TRUE(
+        daemon.accepting(capture_hello, [&] { return run_until([&] { return !log.empty(); }); }));
+    EXPECT_EQ(log, Log{"connected ----"});
+    EXPECT_TRUE(conn.ctx.sock.registered);
+
+    conn.path = "/nonexistent/ubus.sock";
+    testing::internal::CaptureStderr();
+    daemon.close_client();
+    EXPECT_TRUE(run_until([&] { return conn.ctx.sock.eof; }));
+    int old_fd = conn.ctx.sock.fd;
+    EXPECT_GE(old_fd, 0);
+    EXPECT_GT(uloop_timeout_remaining64(&conn.timer), 900);
+    EXPECT_TRUE(run_until([&] { return conn.ctx.sock.fd == -1; })) << "a failed attempt";
+    conn.path = daemon.path();
+    reset_signals();
+    EXPECT_TRUE(daemon.accepting(
+        capture_hello, [&] { return run_until([&] { return conn.ctx.sock.registered; }); }));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(defaults(), "DDDD");
+    EXPECT_EQ(log.size(), 1u);
+
+    uloop_timeout_cancel(&conn.timer);
+    uloop_fd_delete(&conn.ctx.sock);
+    ubus_shutdown(&conn.ctx);
 }
 
 TEST(UbusStrerror, NamesEveryStatus) {

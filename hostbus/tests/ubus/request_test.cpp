@@ -170,7 +170,7 @@ TEST_F(UbusTest, HeldCallsRunFromThePendingTimerWhenUloopWatchesTheSocket) {
     EXPECT_EQ(log, Log{"status"});
 }
 
-TEST_F(UbusTest, NestedWaitsInHandlersAndDataCallbacksKeepTheOrder) {
+TEST_F(UbusTest, NestedWaitsHoldCallsAndHandHeldDataBackNewestFirst) {
     add_demo_object();
     on_call = [&](ubus_context* c, ubus_request_data*, const char* method, blob_attr*) {
         log.push_back(std::string(method) + " start");
@@ -184,7 +184,7 @@ TEST_F(UbusTest, NestedWaitsInHandlersAndDataCallbacksKeepTheOrder) {
     ubus_handle_event(ctx);
     EXPECT_EQ(log, (Log{"hello start", "got 0", "hello end", "status start", "status end"}));
 
-    // Replies reaching a data callback that waits follow it in order.
+    // Replies reaching a data callback that waits follow it: data newest first, status last.
     log.clear();
     static ubus_context* nested_ctx;
     nested_ctx = ctx;
@@ -202,11 +202,11 @@ TEST_F(UbusTest, NestedWaitsInHandlersAndDataCallbacksKeepTheOrder) {
         static_cast<Log*>(r->priv)->push_back("complete " + std::to_string(ret));
     };
     ubus_complete_request_async(ctx, &req);
-    daemon.send(data_msg(3, 0x10) + data_msg(3, 0x10, be32(1)) + status_msg(3, 0x10, 0) +
-                status_msg(4, 0x20, 0));
+    daemon.send(data_msg(3, 0x10) + data_msg(3, 0x10, be32(1)) + data_msg(3, 0x10, be32(2)) +
+                status_msg(3, 0x10, 0) + status_msg(4, 0x20, 0));
     ubus_handle_event(ctx);
-    EXPECT_EQ(log,
-              (Log{"data 07 00 00 04", "inner 0", "data 07 00 00 08 00 00 00 01", "complete 0"}));
+    EXPECT_EQ(log, (Log{"data 07 00 00 04", "inner 0", "data 07 00 00 08 00 00 00 02",
+                        "data 07 00 00 08 00 00 00 01", "complete 0"}));
 }
 
 } // namespace
