@@ -3,14 +3,15 @@
 #ifndef ORVIX_BENCH_BLOB_C_H
 #define ORVIX_BENCH_BLOB_C_H
 
-#include <libubox/blobmsg.h>
-
 #include <stdbool.h>
 #include <stdint.h>
 
+/* Inside the block: libubox's own headers declare no C linkage. */
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+#include <libubox/blobmsg.h>
 
 /* {"id": 7, "name": "bench", "flag": true, "count": 123456789012 (u64),
  *  "path": "/var/run/bench.sock"} */

@@ -3,6 +3,7 @@
 #
 # With hostbus, its libubox and libubus (libraries and headers) are installed alongside:
 # a consumer on a desktop has no other ones, and liborvix was built against these.
+# Otherwise the package refers to the libubox and libubus the build found.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -30,14 +31,28 @@ else()
 endif()
 
 if(ORVIX_USING_HOSTBUS)
-    # Exported as ubus::ubox and ubus::ubus, the names the export of orvix refers to.
+    # Exported as ubus::ubox and ubus::ubus, the names the export of orvix refers to. The
+    # component "ubus" alone installs them the way a device has them.
     install(TARGETS ubox ubus EXPORT orvix-hostbus-targets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ubus
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
     install(EXPORT orvix-hostbus-targets
         NAMESPACE ubus::
         DESTINATION ${ORVIX_INSTALL_CMAKEDIR})
-    install(DIRECTORY ${PROJECT_SOURCE_DIR}/hostbus/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/hostbus/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT ubus)
+else()
+    # Where the build found them, for the package config and orvix.pc to look there again.
+    get_filename_component(_orvix_ubox_libdir "${UBOX_LIBRARY}" DIRECTORY)
+    get_filename_component(_orvix_ubus_libdir "${UBUS_LIBRARY}" DIRECTORY)
+    set(ORVIX_UBUS_INCLUDE_HINTS "${UBOX_INCLUDE_DIR}" "${UBUS_INCLUDE_DIR}")
+    set(ORVIX_UBUS_LIBRARY_HINTS "${_orvix_ubox_libdir}" "${_orvix_ubus_libdir}")
+    list(REMOVE_DUPLICATES ORVIX_UBUS_INCLUDE_HINTS)
+    list(REMOVE_DUPLICATES ORVIX_UBUS_LIBRARY_HINTS)
+    list(TRANSFORM ORVIX_UBUS_INCLUDE_HINTS PREPEND " -I" OUTPUT_VARIABLE ORVIX_PC_UBUS_CFLAGS)
+    list(TRANSFORM ORVIX_UBUS_LIBRARY_HINTS PREPEND " -L" OUTPUT_VARIABLE ORVIX_PC_UBUS_LIBS)
+    list(JOIN ORVIX_PC_UBUS_CFLAGS "" ORVIX_PC_UBUS_CFLAGS)
+    list(JOIN ORVIX_PC_UBUS_LIBS "" ORVIX_PC_UBUS_LIBS)
 endif()
 
 configure_package_config_file(
