@@ -89,12 +89,10 @@ int main(int argc, char** argv) {
         // Dropping the context without respond() completes the call with success.
     };
 
-    std::map<std::string, std::pair<std::function<void(const call_ptr&)>,
-                                    std::multimap<std::string, std::type_index>>>
-        methods{
-            {"greet", {greet, {}}},
-            {"count", {count, {{"to", typeid(unsigned int)}}}},
-        };
+    const orvix::client::method_table methods{
+        {"greet", {greet, {}}},
+        {"count", {count, {{"to", typeid(unsigned int)}}}},
+    };
 
     // Publish once the first connection stands; the client registers the object again
     // by itself after every reconnection.

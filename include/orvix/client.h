@@ -23,8 +23,8 @@ namespace orvix {
 /// get_instance), and every handler runs there later: never inside the call that
 /// registered it, at most once for a completion handler, and not at all once the link
 /// returned for it has been released. Bus outcomes reach handlers as std::error_code in
-/// the categories of <orvix/error.h>; they are never thrown. A completion handler finds
-/// its own link already inactive, so it may release it (or let a scoped_link go).
+/// the categories of <orvix/error.h>; they are never thrown. A handler may release its own
+/// link, or let a scoped_link holding it go, while it runs.
 ///
 /// Signals and children stay the program's. libubox's uloop_init, which libubus runs on
 /// every connection, installs handlers for SIGINT, SIGTERM and SIGCHLD and ignores
@@ -73,6 +73,14 @@ public:
         /// The decoded arguments of the call.
         std::multimap<std::string, blob::attr> args;
     };
+
+    /// Serves one call of a published method.
+    using method_handler = std::function<void(const std::shared_ptr<exchange_ctx>&)>;
+    /// A method's arguments: name to the value type it must carry (a value kind of
+    /// blob::attr); empty to take every argument as sent.
+    using method_policy = std::multimap<std::string, std::type_index>;
+    /// A published object's methods: name to handler and policy.
+    using method_table = std::map<std::string, std::pair<method_handler, method_policy>>;
 
     /// The process-wide client, bound for life to the first live event loop given.
     /// Later calls may pass an empty pointer. Throws std::runtime_error when the first
@@ -123,12 +131,8 @@ public:
     /// until del_object: when the connection is lost it is registered again after the
     /// next connection. An add_object that fails (for instance while disconnected,
     /// "Connection failed") leaves nothing behind and may be retried.
-    virtual utils::link
-    add_object(const std::string& name,
-               const std::map<std::string,
-                              std::pair<std::function<void(const std::shared_ptr<exchange_ctx>&)>,
-                                        std::multimap<std::string, std::type_index>>>& methods,
-               const std::function<void(const std::error_code&)>& handler) = 0;
+    virtual utils::link add_object(const std::string& name, const method_table& methods,
+                                   const std::function<void(const std::error_code&)>& handler) = 0;
 
     /// Withdraws the object `name`. `keep` decides only what happens when the connection
     /// ends before the removal is done: with `keep` true the object stays published and

@@ -1,4 +1,5 @@
 #include "client/client_impl.h"
+#include "error/status_mapping.h"
 
 #include <orvix/misc/link_handler.h>
 #include <orvix/uloop.h>
@@ -156,13 +157,12 @@ void client_impl::process_task_queue() {
     }
 }
 
-utils::link client_impl::schedule_result(const error_handler& handler, const std::error_code& ec) {
-    if (!handler) {
-        return {};
-    }
-    auto wrapped = misc::link_handler(handler, false);
-    schedule_task([call = std::move(wrapped.first), ec]() mutable { call(ec); });
-    return wrapped.second;
+std::error_code client_impl::to_msg_error(int status) {
+    return error::from_ubus_status(status);
+}
+
+int client_impl::to_ubus_msg_status(const std::error_code& ec) {
+    return error::to_ubus_status(ec);
 }
 
 } // namespace orvix

@@ -4,6 +4,7 @@
 
 #include <orvix/blob/attr.h>
 #include <orvix/client.h>
+#include <orvix/misc/link_handler.h>
 #include <orvix/misc/signal.h>
 #include <orvix/utils/event_loop.h>
 #include <orvix/utils/link.h>
@@ -19,6 +20,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <typeindex>
 #include <utility>
 
@@ -39,10 +41,9 @@ public:
     using error_handler_list = std::list<std::shared_ptr<error_handler>>;
     using invoke_handler =
         std::function<void(const std::list<blob::attr>&, const std::error_code&)>;
-    using method_handler = std::function<void(const std::shared_ptr<client::exchange_ctx>&)>;
-    using method_table =
-        std::map<std::string,
-                 std::pair<method_handler, std::multimap<std::string, std::type_index>>>;
+    using client::method_handler;
+    using client::method_policy;
+    using client::method_table;
 
     static client_impl& get_instance(const std::weak_ptr<utils::event_loop>& eloop);
 
@@ -104,8 +105,17 @@ private:
         registration_map objects;
     };
 
-    /// Calls `handler` with `ec` from the task queue; the link cancels the call.
-    utils::link schedule_result(const error_handler& handler, const std::error_code& ec);
+    /// Calls `handler` with `args` from the task queue; the link cancels the call.
+    template <typename... Args>
+    utils::link schedule_result(const std::function<void(Args...)>& handler,
+                                std::decay_t<Args>... args) {
+        if (!handler) {
+            return {};
+        }
+        auto wrapped = misc::link_handler(handler, false);
+        schedule_task([call = std::move(wrapped.first), args...]() mutable { call(args...); });
+        return wrapped.second;
+    }
 
     // Connection.
     void connect_impl();
@@ -139,7 +149,6 @@ private:
                      const std::shared_ptr<ubus_request>& request, std::weak_ptr<invoke_ctx>& ctx);
     static void invoke_req_data_handler(ubus_request* req, int type, blob_attr* msg);
     static void invoke_req_done_handler(ubus_request* req, int ret);
-    void on_invoke_failed(ubus_request* request, const std::error_code& ec);
     void on_invoke_reply(ubus_request* request, blob::attr&& reply, const std::error_code& ec);
     void on_invoke_done(ubus_request* request, const std::error_code& ec);
     void on_invoke_timeout(ubus_request* request);
@@ -179,6 +188,13 @@ private:
     void dispatch(ubus_object* obj, const std::string& method,
                   std::multimap<std::string, blob::attr>&& args,
                   const std::shared_ptr<ubus_request_data>& request);
+    /// Sends one reply of a served call, then reports the outcome to the pending send
+    /// handler at `pos`, if it is still there.
+    void send_reply_sync(const std::weak_ptr<void>& connection,
+                         const std::shared_ptr<ubus_request_data>& request,
+                         const std::multimap<std::string, blob::attr>& data,
+                         const error_handler_list::iterator& pos,
+                         const std::weak_ptr<error_handler>& handler);
     void complete_request_sync(const std::weak_ptr<void>& connection,
                                const std::shared_ptr<ubus_request_data>& request, int status);
 

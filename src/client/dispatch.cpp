@@ -3,10 +3,12 @@
 #include "client/object_ctx.h"
 #include "client/ubus_object_ctx.h"
 
+#include <orvix/blob/buf.h>
 #include <orvix/blob/utils.h>
 #include <orvix/error.h>
 #include <orvix/uloop.h>
 
+#include <exception>
 #include <utility>
 
 namespace orvix {
@@ -63,6 +65,26 @@ void client_impl::dispatch(ubus_object* obj, const std::string& method,
     if (handler) {
         handler(ctx);
     }
+}
+
+void client_impl::send_reply_sync(const std::weak_ptr<void>& connection_token,
+                                  const std::shared_ptr<ubus_request_data>& request,
+                                  const std::multimap<std::string, blob::attr>& data,
+                                  const error_handler_list::iterator& pos,
+                                  const std::weak_ptr<error_handler>& handler) {
+    ubus_context* bus = live_context_sync();
+    std::error_code ec = error::make_error_code(error::msg::connection_failed);
+    // Data that cannot be encoded is the caller's mistake, reported like an invoke's
+    // unencodable arguments; it must not stop the loop thread and with it the client.
+    try {
+        if (!connection_token.expired() && bus) {
+            blob::buf message(data);
+            ec = to_msg_error(ubus_send_reply(bus, request.get(), message.native()->head));
+        }
+    } catch (const std::exception&) {
+        ec = error::make_error_code(error::msg::parse_error);
+    }
+    post_from_uloop([this, pos, handler, ec] { finish_pending(send_handlers, pos, handler, ec); });
 }
 
 void client_impl::complete_request_sync(const std::weak_ptr<void>& connection_token,

@@ -48,22 +48,7 @@ utils::link client_impl::exchange_ctx::send(const std::multimap<std::string, blo
     }
     auto& owner = client;
     client.post_to_uloop([&owner, weak = connection, req = request, data, pos, holder] {
-        ubus_context* bus = owner.live_context_sync();
-        if (weak.expired() || !bus) {
-            return;
-        }
-        std::error_code ec;
-        // Data that cannot be encoded is the caller's mistake, reported like an invoke's
-        // unencodable arguments; it must not stop the loop thread and with it the client.
-        try {
-            blob::buf message(data);
-            ec = to_msg_error(ubus_send_reply(bus, req.get(), message.native()->head));
-        } catch (const std::exception&) {
-            ec = error::make_error_code(error::msg::parse_error);
-        }
-        owner.post_from_uloop([&owner, pos, holder, ec] {
-            owner.finish_pending(owner.send_handlers, pos, holder, ec);
-        });
+        owner.send_reply_sync(weak, req, data, pos, holder);
     });
     return lnk;
 }

@@ -9,7 +9,6 @@
 #include <orvix/uloop.h>
 
 #include <cstdint>
-#include <tuple>
 #include <utility>
 
 namespace orvix {
@@ -19,16 +18,8 @@ utils::link client_impl::invoke(const std::string& object, const std::string& me
                                 const invoke_handler& handler,
                                 const std::chrono::seconds& timeout) {
     if (!token) {
-        if (!handler) {
-            return {};
-        }
-        auto wrapped =
-            misc::linkhandlerdetail::wrap_handler<invoke_handler, invoke_handler>(handler, false);
-        schedule_task(
-            [call = misc::tie_handler(std::get<0>(wrapped), std::get<1>(wrapped))]() mutable {
-                call(std::list<blob::attr>(), error::make_error_code(error::generic::aborted));
-            });
-        return std::get<2>(wrapped);
+        return schedule_result(handler, std::list<blob::attr>(),
+                               error::make_error_code(error::generic::aborted));
     }
     // Zero-filled, and at a fixed address that keys the invoke on both threads.
     auto request = std::make_shared<ubus_request>();
@@ -57,7 +48,7 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
                               std::weak_ptr<invoke_ctx>& ctx) {
     const auto fail = [&](const std::error_code& ec) {
         request->priv = nullptr;
-        post_from_uloop([this, ec, request, ctx] { on_invoke_failed(request.get(), ec); });
+        post_from_uloop([this, ec, request, ctx] { finish_invoke(request.get(), ec); });
     };
     // libubus refuses a send on a broken socket as an invalid argument; when the socket
     // has just reached its end that is the connection failing, not the caller's mistake.
@@ -133,10 +124,6 @@ void client_impl::invoke_req_done_handler(ubus_request* req, int ret) {
     } catch (...) {
         uloop::get_instance().exception_handler();
     }
-}
-
-void client_impl::on_invoke_failed(ubus_request* request, const std::error_code& ec) {
-    finish_invoke(request, ec);
 }
 
 void client_impl::on_invoke_reply(ubus_request* request, blob::attr&& reply,
