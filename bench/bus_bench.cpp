@@ -1,6 +1,7 @@
 #include "metrics.h"
 
-#include "test_daemon.h"
+#include <orvix_testing/process.h>
+#include <orvix_testing/test_daemon.h>
 
 #include <orvix/client.h>
 #include <orvix/loops/simple_event_loop.h>
@@ -10,19 +11,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fcntl.h>
 #include <functional>
 #include <malloc.h>
 #include <memory>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sstream>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 namespace orvix_bench {
 namespace {
@@ -37,7 +32,7 @@ constexpr long pending_count = 2000;
 
 struct bus_setup {
     test_daemon daemon{};
-    pid_t service = 0;
+    std::unique_ptr<orvix_testing::process> service;
     std::string caller;
     std::string relay;
     std::shared_ptr<orvix::loops::simple_event_loop> loop;
@@ -54,69 +49,6 @@ bus_setup& setup() {
 const table& message() {
     static const table m{{"id", attr(7U)}, {"name", attr("bench")}, {"flag", attr(true)}};
     return m;
-}
-
-struct child {
-    pid_t pid = 0;
-    int out = -1;
-};
-
-child spawn(const std::vector<std::string>& args) {
-    int fds[2];
-    child c;
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        return c;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    std::vector<char*> argv;
-    for (const auto& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    if (posix_spawn(&c.pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        c.pid = 0;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    c.out = fds[0];
-    return c;
-}
-
-// Reads the child's output up to end of file, running the event loop meanwhile when
-// `pump` is set (the child may be calling this process). Empty when it failed.
-std::string finish(child c, bool pump) {
-    std::string text;
-    char buf[256];
-    for (;;) {
-        pollfd p{c.out, POLLIN, 0};
-        if (pump) {
-            setup().loop->run_for(std::chrono::milliseconds(2));
-        }
-        if (poll(&p, 1, pump ? 0 : -1) <= 0) {
-            continue;
-        }
-        const ssize_t n = read(c.out, buf, sizeof(buf));
-        if (n <= 0) {
-            break;
-        }
-        text.append(buf, static_cast<std::size_t>(n));
-    }
-    close(c.out);
-    int status = 0;
-    waitpid(c.pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : std::string();
-}
-
-// Reads one line without waiting for end of file.
-std::string first_line(const child& c) {
-    std::string line;
-    char ch;
-    while (read(c.out, &ch, 1) == 1 && ch != '\n') {
-        line += ch;
-    }
-    return line;
 }
 
 bool run_until(const std::function<bool()>& done) {
@@ -181,22 +113,41 @@ void invoke_lib(benchmark::State& state, long calls, long inflight) {
     }
 }
 
-// The same calls made by the raw libubus caller.
+// Runs a C peer to its end and returns the figures it printed, none when it failed. With
+// `pump` the event loop runs meanwhile: the peer may be calling this process.
+std::vector<double> figures(const std::vector<std::string>& argv, bool pump = false) {
+    orvix_testing::process peer(argv);
+    const auto run_loop = [] { setup().loop->run_for(std::chrono::milliseconds(2)); };
+    peer.read_until("", 600000, pump ? std::function<void()>(run_loop) : nullptr);
+    std::vector<double> values;
+    if (peer.wait() == 0) {
+        std::istringstream in(peer.output());
+        for (double v; in >> v;) {
+            values.push_back(v);
+        }
+    }
+    return values;
+}
+
+std::vector<double> c_calls(const char* object, long calls, long inflight, bool pump = false) {
+    return figures({setup().caller, setup().daemon.socket, object, "echo", std::to_string(calls),
+                    std::to_string(inflight)},
+                   pump);
+}
+
+// The same calls made by the raw libubus caller: also the daemon's side of daemon/relay.
 void invoke_c(benchmark::State& state, long calls, long inflight) {
     for (auto _ : state) {
-        const std::string out =
-            finish(spawn({setup().caller, setup().daemon.socket, c_object, "echo",
-                          std::to_string(calls), std::to_string(inflight)}),
-                   false);
-        double rate = 0, p50 = 0, p99 = 0;
-        if (std::sscanf(out.c_str(), "%lf %lf %lf", &rate, &p50, &p99) != 3) {
+        const auto f = c_calls(c_object, calls, inflight);
+        if (f.size() != 3) {
             state.SkipWithError("bench_caller failed");
             return;
         }
         const std::string key = "invoke" + std::to_string(inflight) + ".c.";
-        put(state, key + "calls_per_s", rate);
-        put(state, key + "p50_us", p50);
-        put(state, key + "p99_us", p99);
+        put(state, key + "calls_per_s", f[0]);
+        put(state, key + "p50_us", f[1]);
+        put(state, key + "p99_us", f[2]);
+        metrics()["daemon" + std::to_string(inflight) + ".ubusd.calls_per_s"] = f[0];
     }
 }
 
@@ -204,44 +155,24 @@ void invoke_c(benchmark::State& state, long calls, long inflight) {
 void served(benchmark::State& state, const char* object, const char* side, long calls,
             long inflight) {
     for (auto _ : state) {
-        const std::string out = finish(spawn({setup().caller, setup().daemon.socket, object, "echo",
-                                              std::to_string(calls), std::to_string(inflight)}),
-                                       true);
-        double rate = 0, p50 = 0, p99 = 0;
-        if (std::sscanf(out.c_str(), "%lf %lf %lf", &rate, &p50, &p99) != 3) {
+        const auto f = c_calls(object, calls, inflight, true);
+        if (f.size() != 3) {
             state.SkipWithError("bench_caller failed");
             return;
         }
-        put(state, std::string("served.") + side + ".calls_per_s", rate);
+        put(state, std::string("served.") + side + ".calls_per_s", f[0]);
     }
 }
 
-// Raw C calls through the daemon, and through the byte relay.
+// Raw C calls through the byte relay.
 void relayed(benchmark::State& state, long calls, long inflight) {
     for (auto _ : state) {
-        const std::string out =
-            finish(spawn({setup().relay, std::to_string(calls), std::to_string(inflight)}), false);
-        double rate = 0;
-        if (std::sscanf(out.c_str(), "%lf", &rate) != 1) {
+        const auto f = figures({setup().relay, std::to_string(calls), std::to_string(inflight)});
+        if (f.size() != 1) {
             state.SkipWithError("bench_relay failed");
             return;
         }
-        put(state, "daemon" + std::to_string(inflight) + ".relay.calls_per_s", rate);
-    }
-}
-
-void through_daemon(benchmark::State& state, long calls, long inflight) {
-    for (auto _ : state) {
-        const std::string out =
-            finish(spawn({setup().caller, setup().daemon.socket, c_object, "echo",
-                          std::to_string(calls), std::to_string(inflight)}),
-                   false);
-        double rate = 0, p50 = 0, p99 = 0;
-        if (std::sscanf(out.c_str(), "%lf %lf %lf", &rate, &p50, &p99) != 3) {
-            state.SkipWithError("bench_caller failed");
-            return;
-        }
-        put(state, "daemon" + std::to_string(inflight) + ".ubusd.calls_per_s", rate);
+        put(state, "daemon" + std::to_string(inflight) + ".relay.calls_per_s", f[0]);
     }
 }
 
@@ -281,15 +212,13 @@ void pending_lib(benchmark::State& state) {
 
 void pending_c(benchmark::State& state) {
     for (auto _ : state) {
-        const std::string out = finish(spawn({setup().caller, "mem", setup().daemon.socket,
-                                              c_object, std::to_string(pending_count)}),
-                                       false);
-        double bytes = 0;
-        if (std::sscanf(out.c_str(), "%lf", &bytes) != 1) {
+        const auto f = figures({setup().caller, "mem", setup().daemon.socket, c_object,
+                                std::to_string(pending_count)});
+        if (f.size() != 1) {
             state.SkipWithError("bench_caller failed");
             return;
         }
-        put(state, "pending.c.bytes", bytes);
+        put(state, "pending.c.bytes", f[0]);
     }
 }
 
@@ -324,12 +253,11 @@ bool register_bus_benchmarks(const char* ubusd, const char* service, const char*
     if (test_daemon_start(&s.daemon, ubusd) != 0) {
         return false;
     }
-    const child c = spawn({service, s.daemon.socket, c_object});
-    s.service = c.pid;
-    if (!c.pid || first_line(c) != "ready") {
+    s.service = std::make_unique<orvix_testing::process>(
+        std::vector<std::string>{service, s.daemon.socket, c_object});
+    if (!s.service->read_until("ready\n", 10000)) {
         return false;
     }
-    close(c.out);
     s.caller = caller;
     s.relay = relay;
     s.loop = orvix::loops::simple_event_loop::create();
@@ -354,17 +282,15 @@ bool register_bus_benchmarks(const char* ubusd, const char* service, const char*
         add("invoke/lib" + suffix,
             [i](benchmark::State& st) { invoke_lib(st, i.calls, i.inflight); });
         add("invoke/c" + suffix, [i](benchmark::State& st) { invoke_c(st, i.calls, i.inflight); });
+        // The relay is compared with the daemon as invoke/c measured it.
+        if (i.inflight <= 16) {
+            add("daemon/relay" + suffix,
+                [i](benchmark::State& st) { relayed(st, i.calls, i.inflight); });
+        }
     }
     add("served/lib/inflight:16",
         [](benchmark::State& st) { served(st, lib_object, "lib", 16000, 16); });
     add("served/c/inflight:16", [](benchmark::State& st) { served(st, c_object, "c", 16000, 16); });
-    for (const long inflight : {1L, 16L}) {
-        const long calls = inflight == 1 ? 4000 : 16000;
-        const std::string suffix = "/inflight:" + std::to_string(inflight);
-        add("daemon/ubusd" + suffix,
-            [=](benchmark::State& st) { through_daemon(st, calls, inflight); });
-        add("daemon/relay" + suffix, [=](benchmark::State& st) { relayed(st, calls, inflight); });
-    }
     add("pending/lib", pending_lib);
     add("pending/c", pending_c);
     return true;
@@ -375,10 +301,7 @@ void finish_bus_benchmarks() {
     if (s.client) {
         s.client->cancel();
     }
-    if (s.service) {
-        kill(s.service, SIGTERM);
-        waitpid(s.service, nullptr, 0);
-    }
+    s.service.reset();
     test_daemon_cleanup(&s.daemon);
 }
 

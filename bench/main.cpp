@@ -84,7 +84,7 @@ void print_table() {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     orvix_bench::register_blob_benchmarks();
-    const bool bus = orvix_bench::register_bus_benchmarks(ORVIX_BENCH_UBUSD, ORVIX_BENCH_SERVICE,
+    const bool bus = orvix_bench::register_bus_benchmarks(ORVIX_TEST_UBUSD, ORVIX_BENCH_SERVICE,
                                                           ORVIX_BENCH_CALLER, ORVIX_BENCH_RELAY);
     if (!bus) {
         std::fprintf(stderr, "orvix_bench: cannot set up the bus; bus benchmarks skipped\n");

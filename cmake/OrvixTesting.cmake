@@ -1,18 +1,24 @@
-# Helpers for the test trees.
+# Helpers for the test trees and the benchmarks.
 
 set(ORVIX_TEST_UBUSD "" CACHE FILEPATH
-    "Bus daemon the integration tests start (default: hostbus's orvix-ubusd, else ubusd from PATH)")
-if(ORVIX_TEST_UBUSD)
-    set(ORVIX_TEST_UBUSD_PATH "${ORVIX_TEST_UBUSD}")
-elseif(TARGET orvix-ubusd)
-    set(ORVIX_TEST_UBUSD_PATH "$<TARGET_FILE:orvix-ubusd>")
-else()
-    find_program(ORVIX_SYSTEM_UBUSD ubusd)
-    set(ORVIX_TEST_UBUSD_PATH "${ORVIX_SYSTEM_UBUSD}")
-endif()
+    "Bus daemon the tests and benchmarks start (default: hostbus's orvix-ubusd, else ubusd from PATH)")
+
+# orvix_testing_use_daemon(TARGET): TARGET gets the bus daemon's path as ORVIX_TEST_UBUSD.
+function(orvix_testing_use_daemon target)
+    if(ORVIX_TEST_UBUSD)
+        set(path "${ORVIX_TEST_UBUSD}")
+    elseif(TARGET orvix-ubusd)
+        set(path "$<TARGET_FILE:orvix-ubusd>")
+        add_dependencies(${target} orvix-ubusd)
+    else()
+        find_program(ORVIX_SYSTEM_UBUSD ubusd)
+        set(path "${ORVIX_SYSTEM_UBUSD}")
+    endif()
+    target_compile_definitions(${target} PRIVATE ORVIX_TEST_UBUSD="${path}")
+endfunction()
 
 # orvix_add_test(NAME SOURCES ... [LIBRARIES ...] [LABELS label...] [TIMEOUT seconds] [NEEDS_DAEMON])
-# Builds a GoogleTest executable and registers each of its tests with CTest.
+# Builds a GoogleTest executable with the test kit and registers each of its tests with CTest.
 # NEEDS_DAEMON passes the bus daemon's path to the test as ORVIX_TEST_UBUSD.
 function(orvix_add_test name)
     cmake_parse_arguments(T "NEEDS_DAEMON" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
@@ -20,13 +26,10 @@ function(orvix_add_test name)
         set(T_TIMEOUT 60)
     endif()
     add_executable(${name} ${T_SOURCES})
-    target_link_libraries(${name} PRIVATE ${T_LIBRARIES} GTest::gmock GTest::gtest_main orvix_warnings)
+    target_link_libraries(${name} PRIVATE ${T_LIBRARIES} orvix_testing GTest::gmock
+        GTest::gtest_main orvix_warnings)
     if(T_NEEDS_DAEMON)
-        target_link_libraries(${name} PRIVATE orvix_test_support)
-        target_compile_definitions(${name} PRIVATE ORVIX_TEST_UBUSD="${ORVIX_TEST_UBUSD_PATH}")
-        if(TARGET orvix-ubusd AND NOT ORVIX_TEST_UBUSD)
-            add_dependencies(${name} orvix-ubusd)
-        endif()
+        orvix_testing_use_daemon(${name})
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60

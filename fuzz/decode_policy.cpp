@@ -2,7 +2,7 @@
 // three bits), then per entry a byte whose low nibble picks the value kind and
 // whose high nibble is the length of the name that follows. The rest is the
 // message body.
-#include "message.h"
+#include <orvix_testing/blob.h>
 
 #include <orvix/blob/attr.h>
 #include <orvix/blob/utils.h>
@@ -49,10 +49,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         data += name_len;
     }
     const auto body = static_cast<std::size_t>(end - data);
-    if (!orvix_fuzz::message::fits(body)) {
+    if (!orvix_testing::message_blob::fits(body)) {
         return -1;
     }
-    orvix_fuzz::message msg(data, body);
+    orvix_testing::message_blob msg(data, body);
     try {
         orvix::blob::utils::to_table(msg.head(), policy);
     } catch (const std::runtime_error&) {

@@ -1,6 +1,6 @@
 // A message that decodes must survive encoding: decoding the encoded table
 // gives the same table, and encoding that again gives the same bytes.
-#include "message.h"
+#include <orvix_testing/blob.h>
 
 #include <orvix/blob/attr.h>
 #include <orvix/blob/buf.h>
@@ -98,10 +98,10 @@ bool equal(const attr& a, const attr& b) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (!orvix_fuzz::message::fits(size)) {
+    if (!orvix_testing::message_blob::fits(size)) {
         return -1;
     }
-    orvix_fuzz::message msg(data, size);
+    orvix_testing::message_blob msg(data, size);
     table first;
     try {
         first = orvix::blob::utils::to_table(msg.head());

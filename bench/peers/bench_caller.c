@@ -8,6 +8,8 @@
 #define _GNU_SOURCE
 #include <libubus.h>
 
+#include "bench_message.h"
+
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -31,14 +33,6 @@ static double now_us(void) {
 
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return (double)ts.tv_sec * 1e6 + (double)ts.tv_nsec / 1e3;
-}
-
-/* The message every benchmark sends: a few scalars and a string. */
-static void build_message(void) {
-    blob_buf_init(&b, 0);
-    blobmsg_add_u32(&b, "id", 7);
-    blobmsg_add_string(&b, "name", "bench");
-    blobmsg_add_u8(&b, "flag", 1);
 }
 
 static void start(struct slot* s);
@@ -129,7 +123,7 @@ int main(int argc, char** argv) {
     ubus_add_uloop(ctx);
     if (ubus_lookup_id(ctx, argv[mem ? 3 : 2], &object_id) != UBUS_STATUS_OK)
         return 1;
-    build_message();
+    bench_message(&b);
     if (mem) {
         rc = run_mem(atol(argv[4]));
     } else {

@@ -5,7 +5,9 @@
  * prints "calls_per_s". The relay and the service run as processes of their own, as the
  * daemon and the service do. */
 #define _GNU_SOURCE
-#include <libubox/blobmsg.h>
+#include <orvix_testing/wire.h>
+
+#include "bench_message.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -22,39 +24,12 @@
 
 static size_t request_len, data_len, status_len;
 
-static int write_all(int fd, const char* p, size_t n) {
-    while (n > 0) {
-        const ssize_t w = write(fd, p, n);
-
-        if (w <= 0)
-            return -1;
-        p += w;
-        n -= (size_t)w;
-    }
-    return 0;
-}
-
-static int read_all(int fd, char* p, size_t n) {
-    while (n > 0) {
-        const ssize_t r = read(fd, p, n);
-
-        if (r <= 0)
-            return -1;
-        p += r;
-        n -= (size_t)r;
-    }
-    return 0;
-}
-
 /* Sizes of the invoke, the reply data and the status message of one benchmark call. */
 static void measure_messages(void) {
     struct blob_buf b = {0};
     size_t body;
 
-    blob_buf_init(&b, 0);
-    blobmsg_add_u32(&b, "id", 7);
-    blobmsg_add_string(&b, "name", "bench");
-    blobmsg_add_u8(&b, "flag", 1);
+    bench_message(&b);
     body = blob_raw_len(b.head);
     blob_buf_free(&b);
     /* invoke: object id, method name "echo", data */
@@ -82,7 +57,7 @@ static void relay(int a, int b) {
             const int from = got[i].data.fd, to = from == a ? b : a;
             const ssize_t r = read(from, buf, sizeof(buf));
 
-            if (r <= 0 || write_all(to, buf, (size_t)r) < 0)
+            if (r <= 0 || wire_write_all(to, buf, (size_t)r) < 0)
                 _exit(0);
         }
     }
@@ -92,8 +67,8 @@ static void serve(int fd) {
     char buf[4096];
 
     for (;;) {
-        if (read_all(fd, buf, request_len) < 0 || write_all(fd, buf, data_len) < 0 ||
-            write_all(fd, buf, status_len) < 0)
+        if (wire_read_all(fd, buf, request_len) < 0 || wire_write_all(fd, buf, data_len) < 0 ||
+            wire_write_all(fd, buf, status_len) < 0)
             _exit(0);
     }
 }
@@ -139,13 +114,13 @@ int main(int argc, char** argv) {
 
     begin = now_s();
     for (; sent < inflight && sent < calls; sent++)
-        if (write_all(to_caller[0], buf, request_len) < 0)
+        if (wire_write_all(to_caller[0], buf, request_len) < 0)
             return 1;
     for (long done = 0; done < calls; done++) {
-        if (read_all(to_caller[0], buf, data_len + status_len) < 0)
+        if (wire_read_all(to_caller[0], buf, data_len + status_len) < 0)
             return 1;
         if (sent < calls) {
-            if (write_all(to_caller[0], buf, request_len) < 0)
+            if (wire_write_all(to_caller[0], buf, request_len) < 0)
                 return 1;
             sent++;
         }

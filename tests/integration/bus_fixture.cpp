@@ -1,15 +1,6 @@
 #include "bus_fixture.h"
 
-#include <cerrno>
-#include <csignal>
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sstream>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char** environ;
 
 namespace orvix_test {
 
@@ -60,111 +51,66 @@ void reset_client() {
     ASSERT_EQ(bus().get_state(), orvix::client::state::disconnected);
 }
 
+std::function<void(const std::error_code&)> recorder(const std::shared_ptr<completion>& c) {
+    return [c](const std::error_code& ec) {
+        c->where.hit();
+        c->ec = ec;
+    };
+}
+
+orvix::utils::link invoke_into(const std::shared_ptr<outcome>& result, const std::string& object,
+                               const std::string& method, const orvix::blob::table& args,
+                               std::chrono::seconds timeout) {
+    return result->where.around([&] {
+        return bus().invoke(
+            object, method, args,
+            [result](const std::list<orvix::blob::attr>& replies, const std::error_code& ec) {
+                result->where.hit();
+                result->replies = replies;
+                result->ec = ec;
+            },
+            timeout);
+    });
+}
+
+std::shared_ptr<completion> add_object(const std::string& name,
+                                       const orvix::client::method_table& methods) {
+    auto result = std::make_shared<completion>();
+    result->where.around([&] { return bus().add_object(name, methods, recorder(result)); });
+    return result;
+}
+
+bool wait_called(const probe& p) {
+    return run_until([&p] { return p.calls > 0; });
+}
+
 void expect_proper_calls(const probe& p, int calls) {
     EXPECT_EQ(p.calls, calls);
     EXPECT_FALSE(p.ran_inside) << "handler ran inside the call that registered it";
     EXPECT_FALSE(p.ran_elsewhere) << "handler ran off the event loop's thread";
 }
 
-peer_process::peer_process(const std::vector<std::string>& argv) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe2");
+std::vector<std::string> caller(const std::string& object, const std::string& method,
+                                const std::string& message, const std::string& timeout_ms) {
+    return {ORVIX_TEST_CALLER, bus_environment::daemon.socket, object, method, message, timeout_ms};
+}
+
+std::vector<std::string> finish(peer& p) {
+    EXPECT_FALSE(p.read_until(
+        "", 20000, [] { bus_environment::loop->run_for(std::chrono::milliseconds(5)); }));
+    EXPECT_NE(p.wait(), -1) << "did not end";
+    std::vector<std::string> lines;
+    std::istringstream stream(p.output());
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    std::vector<char*> args;
-    for (const auto& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    out = fds[0];
-    if (rc != 0) {
-        pid = 0;
-        throw std::system_error(rc, std::generic_category(), "posix_spawn " + argv[0]);
-    }
-    fcntl(out, F_SETFL, fcntl(out, F_GETFL) | O_NONBLOCK);
+    return lines;
 }
 
-peer_process::~peer_process() {
-    terminate();
-    close(out);
-}
-
-void peer_process::terminate() {
-    if (pid != 0) {
-        kill(pid, SIGTERM);
-        waitpid(pid, nullptr, 0);
-        pid = 0;
-    }
-}
-
-void peer_process::read_available() {
-    char chunk[512];
-    ssize_t n;
-    while ((n = read(out, chunk, sizeof(chunk))) > 0) {
-        output.append(chunk, static_cast<std::size_t>(n));
-    }
-}
-
-bool peer_process::wait_for_line(const std::string& line, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        read_available();
-        for (const auto& seen : lines()) {
-            if (seen == line) {
-                return true;
-            }
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        pollfd pfd{out, POLLIN, 0};
-        poll(&pfd, 1, 10);
-    }
-}
-
-bool peer_process::wait_exit(std::chrono::seconds limit) {
-    const bool exited = run_until(
-        [this] {
-            read_available();
-            if (waitpid(pid, nullptr, WNOHANG) == pid) {
-                pid = 0;
-            }
-            return pid == 0;
-        },
-        limit);
-    read_available();
-    return exited;
-}
-
-std::vector<std::string> peer_process::lines() const {
-    std::vector<std::string> result;
-    std::istringstream stream(output);
-    std::string line;
-    while (std::getline(stream, line)) {
-        result.push_back(line);
-    }
-    return result;
-}
-
-std::vector<std::string> call_over_bus(const std::string& object, const std::string& method,
-                                       const std::string& message, const std::string& timeout_ms) {
-    peer_process caller(
-        {ORVIX_TEST_CALLER, bus_environment::daemon.socket, object, method, message, timeout_ms});
-    EXPECT_TRUE(caller.wait_exit());
-    return caller.lines();
-}
-
-std::unique_ptr<peer_process> start_service() {
-    auto service = std::make_unique<peer_process>(
-        std::vector<std::string>{ORVIX_TEST_SERVICE, bus_environment::daemon.socket});
-    EXPECT_TRUE(service->wait_for_line("ready", std::chrono::seconds(20)));
-    return service;
+std::unique_ptr<peer> start_peer(const std::vector<std::string>& argv) {
+    auto started = std::make_unique<peer>(argv);
+    EXPECT_TRUE(started->read_until("ready\n", 20000)) << argv[0];
+    return started;
 }
 
 } // namespace orvix_test

@@ -3,7 +3,8 @@
 #include <orvix/client.h>
 #include <orvix/loops/simple_event_loop.h>
 
-#include <test_daemon.h>
+#include <orvix_testing/process.h>
+#include <orvix_testing/test_daemon.h>
 
 #include <gtest/gtest.h>
 
@@ -12,7 +13,6 @@
 #include <list>
 #include <memory>
 #include <string>
-#include <sys/types.h>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -70,48 +70,69 @@ struct probe {
     }
 };
 
-/// What an invoke's handler was given, and where it ran.
-struct outcome {
+/// What a completion handler was given, and where it ran.
+struct completion {
     probe where;
-    std::list<orvix::blob::attr> replies;
     std::error_code ec;
+};
+
+/// What an invoke's handler was given, and where it ran.
+struct outcome : completion {
+    std::list<orvix::blob::attr> replies;
+};
+
+/// A handler recording into `c`. The handler shares it, as it may outlive the test's frame.
+std::function<void(const std::error_code&)> recorder(const std::shared_ptr<completion>& c);
+
+/// Invokes `method` of `object`, recording into `result` around the call.
+orvix::utils::link invoke_into(const std::shared_ptr<outcome>& result, const std::string& object,
+                               const std::string& method, const orvix::blob::table& args = {},
+                               std::chrono::seconds timeout = std::chrono::seconds(0));
+
+/// Publishes `name` with `methods`, recording the outcome around the call.
+std::shared_ptr<completion> add_object(const std::string& name,
+                                       const orvix::client::method_table& methods);
+
+/// Runs the event loop until `p`'s handler has run.
+bool wait_called(const probe& p);
+
+/// A test that starts and ends with a fresh connection.
+class connected_test : public ::testing::Test {
+protected:
+    void SetUp() override {
+        reset_client();
+        connect_client();
+    }
+    void TearDown() override { reset_client(); }
 };
 
 /// Expects that `p`'s handler ran exactly `calls` times, on the loop's thread, and
 /// never inside its registering call.
 void expect_proper_calls(const probe& p, int calls);
 
-/// A helper program with its standard output on a pipe.
-class peer_process {
-public:
-    explicit peer_process(const std::vector<std::string>& argv);
-    ~peer_process();
+using peer = orvix_testing::process;
 
-    peer_process(const peer_process&) = delete;
-    peer_process& operator=(const peer_process&) = delete;
+/// The C caller's command line for one call over the bus.
+std::vector<std::string> caller(const std::string& object, const std::string& method,
+                                const std::string& message,
+                                const std::string& timeout_ms = "10000");
 
-    /// Waits, without running the event loop, until the program has printed `line`.
-    bool wait_for_line(const std::string& line, std::chrono::seconds limit);
-    /// Runs the event loop until the program has exited.
-    bool wait_exit(std::chrono::seconds limit = std::chrono::seconds(20));
-    /// Its output lines so far.
-    std::vector<std::string> lines() const;
-    void terminate();
-
-private:
-    void read_available();
-
-    pid_t pid = 0;
-    int out = -1;
-    std::string output;
-};
+/// Runs the event loop until `p` has ended; its output lines.
+std::vector<std::string> finish(peer& p);
 
 /// Runs the C caller against the bus and returns its output lines.
-std::vector<std::string> call_over_bus(const std::string& object, const std::string& method,
-                                       const std::string& message,
-                                       const std::string& timeout_ms = "10000");
+inline std::vector<std::string> call_over_bus(const std::string& object, const std::string& method,
+                                              const std::string& message) {
+    peer p(caller(object, method, message));
+    return finish(p);
+}
+
+/// `argv` started, and on the bus once it has said so, until destroyed.
+std::unique_ptr<peer> start_peer(const std::vector<std::string>& argv);
 
 /// The test service, running on the daemon's socket until destroyed.
-std::unique_ptr<peer_process> start_service();
+inline std::unique_ptr<peer> start_service() {
+    return start_peer({ORVIX_TEST_SERVICE, bus_environment::daemon.socket});
+}
 
 } // namespace orvix_test

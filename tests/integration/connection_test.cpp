@@ -17,19 +17,6 @@ namespace {
 using namespace orvix_test;
 using state = orvix::client::state;
 
-struct completion {
-    probe where;
-    std::error_code ec;
-};
-
-// Shared with the handler, which may outlive the test's stack frame.
-std::function<void(const std::error_code&)> recorder(const std::shared_ptr<completion>& c) {
-    return [c](const std::error_code& ec) {
-        c->where.hit();
-        c->ec = ec;
-    };
-}
-
 struct state_log {
     probe where;
     std::vector<state> states;
@@ -59,103 +46,82 @@ protected:
     orvix::utils::link subscription;
 };
 
-TEST_F(connection_test, connect_and_disconnect_report_each_state) {
+TEST_F(connection_test, each_state_is_reported_once_however_often_it_is_asked_for) {
     log->states.clear();
-    auto connected = std::make_shared<completion>();
-    connected->where.around([&] { return bus().connect(recorder(connected)); });
+    std::vector<std::shared_ptr<completion>> results;
+    const auto request = [&results](bool connect) {
+        auto result = std::make_shared<completion>();
+        result->where.around([&] {
+            return connect ? bus().connect(recorder(result)) : bus().disconnect(recorder(result));
+        });
+        results.push_back(result);
+    };
+    const auto settle = [&results] {
+        for (const auto& result : results) {
+            ASSERT_TRUE(wait_called(result->where));
+        }
+    };
+    // Two connects make one attempt; a connect while connected, or a disconnect while
+    // disconnected, changes nothing.
+    request(true);
     EXPECT_EQ(bus().get_state(), state::connecting);
-    ASSERT_TRUE(run_until([&] { return connected->where.calls > 0; }));
-    EXPECT_FALSE(connected->ec);
+    request(true);
+    settle();
     EXPECT_TRUE(bus().is_active());
-    expect_proper_calls(connected->where, 1);
-
-    auto disconnected = std::make_shared<completion>();
-    disconnected->where.around([&] { return bus().disconnect(recorder(disconnected)); });
+    request(true);
+    settle();
+    request(false);
     EXPECT_EQ(bus().get_state(), state::disconnecting);
-    ASSERT_TRUE(run_until([&] { return disconnected->where.calls > 0; }));
-    EXPECT_FALSE(disconnected->ec);
+    settle();
     EXPECT_FALSE(bus().is_active());
-    expect_proper_calls(disconnected->where, 1);
-
+    request(false);
+    settle();
     EXPECT_EQ(log->states, (std::vector<state>{state::connecting, state::connected,
                                                state::disconnecting, state::disconnected}));
     EXPECT_FALSE(log->where.ran_elsewhere);
+    for (const auto& result : results) {
+        expect_proper_calls(result->where, 1);
+        EXPECT_FALSE(result->ec);
+    }
 }
 
-TEST_F(connection_test, connect_while_connected_succeeds_without_a_state_change) {
-    connect_client();
-    log->states.clear();
-    auto again = std::make_shared<completion>();
-    again->where.around([&] { return bus().connect(recorder(again)); });
-    ASSERT_TRUE(run_until([&] { return again->where.calls > 0; }));
-    EXPECT_FALSE(again->ec);
-    expect_proper_calls(again->where, 1);
-    EXPECT_TRUE(log->states.empty());
-}
-
-TEST_F(connection_test, two_connects_make_one_attempt_with_one_result) {
-    log->states.clear();
-    auto first = std::make_shared<completion>();
-    auto second = std::make_shared<completion>();
-    first->where.around([&] { return bus().connect(recorder(first)); });
-    second->where.around([&] { return bus().connect(recorder(second)); });
-    ASSERT_TRUE(run_until([&] { return first->where.calls > 0 && second->where.calls > 0; }));
-    expect_proper_calls(first->where, 1);
-    expect_proper_calls(second->where, 1);
-    EXPECT_FALSE(first->ec);
-    EXPECT_FALSE(second->ec);
-    EXPECT_EQ(log->states, (std::vector<state>{state::connecting, state::connected}));
-}
-
-TEST_F(connection_test, disconnect_while_disconnected_succeeds) {
-    auto result = std::make_shared<completion>();
-    result->where.around([&] { return bus().disconnect(recorder(result)); });
-    ASSERT_TRUE(run_until([&] { return result->where.calls > 0; }));
-    EXPECT_FALSE(result->ec);
-    expect_proper_calls(result->where, 1);
-}
-
-TEST_F(connection_test, a_disconnect_while_connecting_is_carried_out_after_the_connection) {
+TEST_F(connection_test, a_request_against_the_one_under_way_is_carried_out_after_it) {
     auto connected = std::make_shared<completion>();
     auto disconnected = std::make_shared<completion>();
     connected->where.around([&] { return bus().connect(recorder(connected)); });
     disconnected->where.around([&] { return bus().disconnect(recorder(disconnected)); });
     EXPECT_EQ(bus().get_state(), state::disconnecting);
-    ASSERT_TRUE(run_until([&] { return disconnected->where.calls > 0; }));
-    expect_proper_calls(connected->where, 1);
-    expect_proper_calls(disconnected->where, 1);
-    EXPECT_FALSE(connected->ec);
-    EXPECT_FALSE(disconnected->ec);
+    ASSERT_TRUE(wait_called(disconnected->where));
     EXPECT_EQ(bus().get_state(), state::disconnected);
-}
 
-TEST_F(connection_test, a_connect_while_disconnecting_follows_the_disconnect) {
     connect_client();
-    auto disconnected = std::make_shared<completion>();
-    auto connected = std::make_shared<completion>();
-    disconnected->where.around([&] { return bus().disconnect(recorder(disconnected)); });
-    connected->where.around([&] { return bus().connect(recorder(connected)); });
+    auto disconnected_again = std::make_shared<completion>();
+    auto connected_again = std::make_shared<completion>();
+    disconnected_again->where.around(
+        [&] { return bus().disconnect(recorder(disconnected_again)); });
+    connected_again->where.around([&] { return bus().connect(recorder(connected_again)); });
     EXPECT_EQ(bus().get_state(), state::connecting);
-    ASSERT_TRUE(run_until([&] { return connected->where.calls > 0; }));
-    expect_proper_calls(disconnected->where, 1);
-    expect_proper_calls(connected->where, 1);
+    ASSERT_TRUE(wait_called(connected_again->where));
     EXPECT_TRUE(bus().is_active());
+    for (const auto& c : {connected, disconnected, disconnected_again, connected_again}) {
+        expect_proper_calls(c->where, 1);
+        EXPECT_FALSE(c->ec);
+    }
 }
 
 TEST_F(connection_test, an_unreachable_daemon_gives_the_generic_unknown_error) {
-    bus().set_socket_path(std::string(bus_environment::daemon.dir) + "/missing.sock");
-    EXPECT_EQ(bus().get_socket_path(), std::string(bus_environment::daemon.dir) + "/missing.sock");
+    const std::string missing = std::string(bus_environment::daemon.dir) + "/missing.sock";
+    bus().set_socket_path(missing);
+    EXPECT_EQ(bus().get_socket_path(), missing);
     auto result = std::make_shared<completion>();
     result->where.around([&] { return bus().connect(recorder(result)); });
-    ASSERT_TRUE(run_until([&] { return result->where.calls > 0; }));
+    ASSERT_TRUE(wait_called(result->where));
     EXPECT_EQ(result->ec, orvix::error::generic::unknown_error);
     EXPECT_EQ(result->ec.message(), "Unknown error");
     EXPECT_EQ(bus().get_state(), state::disconnected);
     expect_proper_calls(result->where, 1);
-}
 
-TEST_F(connection_test, a_back_off_below_one_second_ends_reconnection) {
-    bus().set_socket_path(std::string(bus_environment::daemon.dir) + "/missing.sock");
+    // A back-off below one second ends reconnection.
     auto attempts = std::make_shared<std::vector<long long>>();
     auto lnk = bus().auto_connect([attempts](long long attempt) {
         attempts->push_back(attempt);
@@ -168,33 +134,6 @@ TEST_F(connection_test, a_back_off_below_one_second_ends_reconnection) {
     EXPECT_EQ(bus().get_state(), state::disconnected);
 }
 
-TEST_F(connection_test, releasing_the_auto_connect_link_ends_reconnection) {
-    auto lnk = bus().auto_connect([](long long) { return std::chrono::seconds(1); });
-    ASSERT_TRUE(run_until([] { return bus().is_active(); }));
-    lnk.release();
-    EXPECT_FALSE(lnk.active());
-}
-
-TEST_F(connection_test, disconnect_completes_pending_invokes_with_connection_failed) {
-    const auto service = start_service();
-    connect_client();
-    auto result = std::make_shared<completion>();
-    result->where.around([&] {
-        return bus().invoke(
-            "test.service", "silent", {},
-            [result](const std::list<orvix::blob::attr>&, const std::error_code& ec) {
-                result->where.hit();
-                result->ec = ec;
-            },
-            std::chrono::seconds(0));
-    });
-    bool disconnected = false;
-    bus().disconnect([&disconnected](const std::error_code&) { disconnected = true; });
-    ASSERT_TRUE(run_until([&] { return disconnected; }));
-    EXPECT_EQ(result->ec, orvix::error::msg::connection_failed);
-    expect_proper_calls(result->where, 1);
-}
-
 TEST_F(connection_test, cancel_aborts_a_connection_in_progress_and_leaves_the_client_usable) {
     auto aborted = std::make_shared<completion>();
     aborted->where.around([&] { return bus().connect(recorder(aborted)); });
@@ -203,15 +142,9 @@ TEST_F(connection_test, cancel_aborts_a_connection_in_progress_and_leaves_the_cl
     EXPECT_EQ(bus().get_state(), state::disconnected);
     connect_client();
     // The aborted attempt's late outcome must not disturb the new connection.
-    auto roundtrip = std::make_shared<completion>();
-    bus().invoke(
-        "test.no_such_object", "none", {},
-        [roundtrip](const std::list<orvix::blob::attr>&, const std::error_code& ec) {
-            roundtrip->where.hit();
-            roundtrip->ec = ec;
-        },
-        std::chrono::seconds(0));
-    ASSERT_TRUE(run_until([&] { return roundtrip->where.calls > 0; }));
+    auto roundtrip = std::make_shared<outcome>();
+    invoke_into(roundtrip, "test.no_such_object", "none");
+    ASSERT_TRUE(wait_called(roundtrip->where));
     EXPECT_EQ(roundtrip->ec, orvix::error::msg::not_found);
     EXPECT_TRUE(bus().is_active());
     expect_proper_calls(aborted->where, 1);
@@ -234,47 +167,31 @@ TEST_F(connection_test, a_state_handler_may_release_its_own_link) {
 TEST_F(connection_test, reconnects_after_the_daemon_returns) {
     auto service = start_service();
     auto attempts = std::make_shared<std::vector<long long>>();
-    const auto lnk = bus().auto_connect([attempts](long long attempt) {
+    auto lnk = bus().auto_connect([attempts](long long attempt) {
         attempts->push_back(attempt);
         return std::chrono::seconds(1);
     });
     ASSERT_TRUE(run_until([] { return bus().is_active(); }));
     // An object of this client, which must answer again after the reconnection.
-    std::error_code added = orvix::error::generic::unknown_error;
-    bus().add_object("orvix.test.reconnect",
-                     {{"ping",
-                       {[](const std::shared_ptr<orvix::client::exchange_ctx>& ctx) {
-                            ctx->send({{"text", orvix::blob::attr("pong")}}, {});
-                        },
-                        {}}}},
-                     [&added](const std::error_code& ec) { added = ec; });
-    ASSERT_TRUE(run_until([&] { return !added; }));
+    const auto added = add_object("orvix.test.reconnect",
+                                  {{"ping",
+                                    {[](const std::shared_ptr<orvix::client::exchange_ctx>& ctx) {
+                                         ctx->send({{"text", orvix::blob::attr("pong")}}, {});
+                                     },
+                                     {}}}});
+    ASSERT_TRUE(wait_called(added->where));
 
-    auto pending = std::make_shared<completion>();
-    pending->where.around([&] {
-        return bus().invoke(
-            "test.service", "silent", {},
-            [pending](const std::list<orvix::blob::attr>&, const std::error_code& ec) {
-                pending->where.hit();
-                pending->ec = ec;
-            },
-            std::chrono::seconds(0));
-    });
+    auto pending = std::make_shared<outcome>();
+    invoke_into(pending, "test.service", "silent");
     // Let the invoke reach the service before the daemon goes.
-    auto roundtrip = std::make_shared<completion>();
-    bus().invoke(
-        "test.service", "none", {},
-        [roundtrip](const std::list<orvix::blob::attr>&, const std::error_code& ec) {
-            roundtrip->where.hit();
-            roundtrip->ec = ec;
-        },
-        std::chrono::seconds(0));
-    ASSERT_TRUE(run_until([&] { return roundtrip->where.calls > 0; }));
+    auto roundtrip = std::make_shared<outcome>();
+    invoke_into(roundtrip, "test.service", "none");
+    ASSERT_TRUE(wait_called(roundtrip->where));
 
     log->states.clear();
     service.reset();
     test_daemon_stop(&bus_environment::daemon);
-    ASSERT_TRUE(run_until([&] { return pending->where.calls > 0; }));
+    ASSERT_TRUE(wait_called(pending->where));
     EXPECT_EQ(pending->ec, orvix::error::msg::timeout);
     // Several attempts fail while the daemon is away.
     ASSERT_TRUE(run_until([&] { return attempts->size() >= 2; }));
@@ -290,6 +207,8 @@ TEST_F(connection_test, reconnects_after_the_daemon_returns) {
     EXPECT_EQ(call_over_bus("orvix.test.reconnect", "ping", "none"),
               (std::vector<std::string>{"reply", "field text pong", "status 0"}));
     expect_proper_calls(pending->where, 1);
+    lnk.release();
+    EXPECT_FALSE(lnk.active());
 }
 
 TEST_F(connection_test, a_handler_that_asks_again_is_served_after_the_request_under_way) {
@@ -297,7 +216,7 @@ TEST_F(connection_test, a_handler_that_asks_again_is_served_after_the_request_un
     auto again = std::make_shared<completion>();
     bus().connect([again](const std::error_code&) { bus().connect(recorder(again)); });
     bus().disconnect({});
-    ASSERT_TRUE(run_until([&again] { return again->where.calls > 0; }));
+    ASSERT_TRUE(wait_called(again->where));
     EXPECT_FALSE(again->ec);
     EXPECT_EQ(bus().get_state(), state::connected);
 
@@ -306,7 +225,7 @@ TEST_F(connection_test, a_handler_that_asks_again_is_served_after_the_request_un
     bus().disconnect(
         [once_more](const std::error_code&) { bus().disconnect(recorder(once_more)); });
     bus().connect({});
-    ASSERT_TRUE(run_until([&once_more] { return once_more->where.calls > 0; }));
+    ASSERT_TRUE(wait_called(once_more->where));
     EXPECT_FALSE(once_more->ec);
     EXPECT_EQ(bus().get_state(), state::disconnected);
     expect_proper_calls(again->where, 1);

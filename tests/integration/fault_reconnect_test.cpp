@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <list>
 #include <malloc.h>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -73,17 +72,10 @@ void invoke_silent(tally& t, std::size_t i) {
 
 // Returns once every earlier invoke has been handed to the daemon.
 void flush_invokes() {
-    bool done = false;
-    std::error_code ec;
-    bus().invoke(
-        "test.service", "none", {},
-        [&](const std::list<attr>&, const std::error_code& e) {
-            ec = e;
-            done = true;
-        },
-        std::chrono::seconds(0));
-    ASSERT_TRUE(run_until([&done] { return done; }));
-    ASSERT_EQ(ec.value(), 0) << ec.message();
+    auto result = std::make_shared<outcome>();
+    invoke_into(result, "test.service", "none");
+    ASSERT_TRUE(wait_called(result->where));
+    ASSERT_EQ(result->ec.value(), 0) << result->ec.message();
 }
 
 TEST(fault_reconnect_test, killed_daemon_fails_every_pending_invoke_once_and_leaks_nothing) {
@@ -98,17 +90,15 @@ TEST(fault_reconnect_test, killed_daemon_fails_every_pending_invoke_once_and_lea
     ASSERT_TRUE(run_until([] { return bus().is_active(); }));
 
     std::vector<context> held;
-    bool added = false;
-    bus().add_object("fault.client",
-                     {{"ping",
-                       {[](const context& ctx) {
-                            ctx->send({{"pong", attr(std::string("yes"))}}, {});
-                            ctx->respond({});
-                        },
-                        {}}},
-                      {"hold", {[&held](const context& ctx) { held.push_back(ctx); }, {}}}},
-                     [&added](const std::error_code&) { added = true; });
-    ASSERT_TRUE(run_until([&added] { return added; }));
+    const auto added = add_object(
+        "fault.client", {{"ping",
+                          {[](const context& ctx) {
+                               ctx->send({{"pong", attr(std::string("yes"))}}, {});
+                               ctx->respond({});
+                           },
+                           {}}},
+                         {"hold", {[&held](const context& ctx) { held.push_back(ctx); }, {}}}});
+    ASSERT_TRUE(wait_called(added->where));
     ASSERT_TRUE(run_until(answers_again));
 
     tally t;
@@ -119,8 +109,7 @@ TEST(fault_reconnect_test, killed_daemon_fails_every_pending_invoke_once_and_lea
         t.reset();
         {
             const auto service = start_service();
-            peer_process caller({ORVIX_TEST_CALLER, bus_environment::daemon.socket, "fault.client",
-                                 "hold", "none", "60000"});
+            const peer call(caller("fault.client", "hold", "none", "60000"));
             for (std::size_t i = 0; i < held_invokes; ++i) {
                 invoke_silent(t, i);
             }

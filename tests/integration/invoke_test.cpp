@@ -16,59 +16,40 @@ using namespace orvix_test;
 using orvix::blob::attr;
 using table = std::multimap<std::string, attr>;
 
-class invoke_test : public ::testing::Test {
+class invoke_test : public connected_test {
 protected:
     static void SetUpTestSuite() { service = start_service(); }
     static void TearDownTestSuite() { service.reset(); }
 
-    void SetUp() override {
-        reset_client();
-        connect_client();
-    }
-    void TearDown() override { reset_client(); }
-
-    // Shared with the handler, which may outlive the test's stack frame.
     static orvix::utils::link call(const std::shared_ptr<outcome>& result,
                                    const std::string& method, const table& args = {},
-                                   std::chrono::seconds timeout = std::chrono::seconds(0),
-                                   const std::string& object = "test.service") {
-        return result->where.around([&] {
-            return bus().invoke(
-                object, method, args,
-                [result](const std::list<attr>& replies, const std::error_code& ec) {
-                    result->where.hit();
-                    result->replies = replies;
-                    result->ec = ec;
-                },
-                timeout);
-        });
+                                   std::chrono::seconds timeout = std::chrono::seconds(0)) {
+        return invoke_into(result, "test.service", method, args, timeout);
     }
 
     static std::shared_ptr<outcome> call_and_wait(const std::string& method, const table& args = {},
                                                   const std::string& object = "test.service") {
         auto result = std::make_shared<outcome>();
-        call(result, method, args, std::chrono::seconds(0), object);
-        EXPECT_TRUE(run_until([&result] { return result->where.calls > 0; })) << method;
+        invoke_into(result, object, method, args);
+        EXPECT_TRUE(wait_called(result->where)) << method;
+        expect_proper_calls(result->where, 1);
         return result;
     }
 
     // Every earlier reply of the service has reached the client once this returns.
     static void flush() { call_and_wait("none"); }
 
-    static std::unique_ptr<peer_process> service;
+    static std::unique_ptr<peer> service;
 };
 
-std::unique_ptr<peer_process> invoke_test::service;
+std::unique_ptr<peer> invoke_test::service;
 
 TEST_F(invoke_test, collects_every_reply_in_order) {
     const auto none = call_and_wait("none");
-    expect_proper_calls(none->where, 1);
     EXPECT_FALSE(none->ec);
     EXPECT_TRUE(none->replies.empty());
 
-    table args{{"text", attr("hi")}, {"n", attr(7u)}, {"n", attr(8u)}};
-    const auto echo = call_and_wait("echo", args);
-    expect_proper_calls(echo->where, 1);
+    const auto echo = call_and_wait("echo", {{"text", attr("hi")}, {"n", 7u}, {"n", 8u}});
     EXPECT_FALSE(echo->ec);
     ASSERT_EQ(echo->replies.size(), 1u);
     const auto& fields = echo->replies.front().get<table>();
@@ -79,70 +60,86 @@ TEST_F(invoke_test, collects_every_reply_in_order) {
     EXPECT_EQ(std::next(numbers.first)->second.get<unsigned int>(), 8u);
 
     const auto many = call_and_wait("many");
-    expect_proper_calls(many->where, 1);
     EXPECT_FALSE(many->ec);
     ASSERT_EQ(many->replies.size(), 3u);
     unsigned int index = 0;
     for (const auto& reply : many->replies) {
         EXPECT_EQ(reply.get<table>().find("index")->second.get<unsigned int>(), index++);
     }
-}
 
-TEST_F(invoke_test, a_reply_sent_later_by_the_service_arrives) {
+    // A reply the service sends after its handler has returned.
     const auto later = call_and_wait("later");
-    expect_proper_calls(later->where, 1);
     EXPECT_FALSE(later->ec);
     ASSERT_EQ(later->replies.size(), 1u);
     EXPECT_EQ(later->replies.front().get<table>().find("late")->second.get<std::string>(), "yes");
+
+    // An empty handler is accepted.
+    bus().invoke("test.service", "many", {}, {}, std::chrono::seconds(0));
+    flush();
 }
 
-TEST_F(invoke_test, failures_reach_the_handler_as_status_codes) {
-    const auto fail = call_and_wait("fail");
-    EXPECT_EQ(fail->ec, orvix::error::msg::permission_denied);
-    EXPECT_EQ(fail->ec.message(), "Permission denied");
-    expect_proper_calls(fail->where, 1);
-
-    const auto partial = call_and_wait("partial");
-    EXPECT_EQ(partial->ec, orvix::error::msg::not_supported);
-    ASSERT_EQ(partial->replies.size(), 1u);
-    EXPECT_EQ(partial->replies.front().get<table>().find("partial")->second.get<std::string>(),
+TEST_F(invoke_test, failures_reach_the_handler_as_status_codes_with_the_replies_before_them) {
+    const struct {
+        const char* method;
+        table args;
+        const char* object;
+        std::error_code ec;
+        const char* message;
+        std::size_t replies;
+    } cases[] = {
+        {"fail", {}, "test.service", orvix::error::msg::permission_denied, "Permission denied", 0},
+        {"partial",
+         {},
+         "test.service",
+         orvix::error::msg::not_supported,
+         "Operation not supported",
+         1},
+        {"no_such_method",
+         {},
+         "test.service",
+         orvix::error::msg::method_not_found,
+         "Method not found",
+         0},
+        {"none", {}, "test.no_such_object", orvix::error::msg::not_found, "Not found", 0},
+        // An undecodable reply counts as an empty one, and fails the call.
+        {"garbled",
+         {},
+         "test.service",
+         orvix::error::msg::parse_error,
+         "Parsing message data failed",
+         2},
+        // Arguments that cannot be encoded are refused.
+        {"echo",
+         {{"empty", attr()}},
+         "test.service",
+         orvix::error::msg::parse_error,
+         "Parsing message data failed",
+         0},
+    };
+    std::map<std::string, std::list<attr>> replies;
+    for (const auto& c : cases) {
+        const auto result = call_and_wait(c.method, c.args, c.object);
+        EXPECT_EQ(result->ec, c.ec) << c.method;
+        EXPECT_EQ(result->ec.message(), c.message);
+        ASSERT_EQ(result->replies.size(), c.replies) << c.method;
+        replies[c.method] = result->replies;
+    }
+    EXPECT_EQ(replies["partial"].front().get<table>().find("partial")->second.get<std::string>(),
               "yes");
-
-    const auto no_method = call_and_wait("no_such_method");
-    EXPECT_EQ(no_method->ec, orvix::error::msg::method_not_found);
-    EXPECT_TRUE(no_method->replies.empty());
-
-    const auto no_object = call_and_wait("none", {}, "test.no_such_object");
-    EXPECT_EQ(no_object->ec, orvix::error::msg::not_found);
-    EXPECT_EQ(no_object->ec.message(), "Not found");
-    expect_proper_calls(no_object->where, 1);
+    EXPECT_TRUE(replies["garbled"].front().get<table>().empty());
+    EXPECT_EQ(replies["garbled"].back().get<table>().find("fine")->second.get<std::string>(),
+              "yes");
 }
 
-TEST_F(invoke_test, an_undecodable_reply_counts_as_empty_and_fails_the_call) {
-    const auto garbled = call_and_wait("garbled");
-    expect_proper_calls(garbled->where, 1);
-    EXPECT_EQ(garbled->ec, orvix::error::msg::parse_error);
-    ASSERT_EQ(garbled->replies.size(), 2u);
-    EXPECT_TRUE(garbled->replies.front().get<table>().empty());
-    EXPECT_EQ(garbled->replies.back().get<table>().find("fine")->second.get<std::string>(), "yes");
-}
-
-TEST_F(invoke_test, arguments_that_cannot_be_encoded_are_refused) {
-    const auto result = call_and_wait("echo", table{{"empty", attr()}});
-    expect_proper_calls(result->where, 1);
-    EXPECT_EQ(result->ec, orvix::error::msg::parse_error);
-    EXPECT_EQ(result->ec.message(), "Parsing message data failed");
-    EXPECT_TRUE(result->replies.empty());
-}
-
-TEST_F(invoke_test, times_out_once) {
+TEST_F(invoke_test, times_out_once_and_a_link_released_after_the_end_changes_nothing) {
     auto result = std::make_shared<outcome>();
-    const auto lnk = call(result, "silent", {}, std::chrono::seconds(1));
+    auto lnk = call(result, "silent", {}, std::chrono::seconds(1));
     EXPECT_TRUE(lnk.active());
-    ASSERT_TRUE(run_until([&result] { return result->where.calls > 0; }));
+    ASSERT_TRUE(wait_called(result->where));
     EXPECT_EQ(result->ec, orvix::error::msg::timeout);
     EXPECT_EQ(result->ec.message(), "Request timed out");
     EXPECT_FALSE(lnk.active());
+    lnk.release();
     flush();
     expect_proper_calls(result->where, 1);
 }
@@ -162,16 +159,7 @@ TEST_F(invoke_test, releasing_the_link_cancels_the_handler) {
     EXPECT_EQ(silent->where.calls, 0);
 }
 
-TEST_F(invoke_test, releasing_after_completion_changes_nothing) {
-    auto result = std::make_shared<outcome>();
-    auto lnk = call(result, "none");
-    ASSERT_TRUE(run_until([&result] { return result->where.calls > 0; }));
-    EXPECT_FALSE(lnk.active());
-    lnk.release();
-    expect_proper_calls(result->where, 1);
-}
-
-TEST_F(invoke_test, cancel_aborts_pending_invokes) {
+TEST_F(invoke_test, cancel_aborts_pending_invokes_and_their_timers) {
     auto result = std::make_shared<outcome>();
     call(result, "silent");
     auto timed = std::make_shared<outcome>();
@@ -180,30 +168,34 @@ TEST_F(invoke_test, cancel_aborts_pending_invokes) {
     EXPECT_EQ(result->ec, orvix::error::generic::aborted);
     EXPECT_EQ(result->ec.message(), "Aborted");
     EXPECT_EQ(timed->ec, orvix::error::generic::aborted);
-    // The aborted invoke's timer must not fire any more.
+    // The aborted invoke's timer, armed earlier, would fire before this one's.
     connect_client();
-    flush();
-    run_until([] { return false; }, std::chrono::seconds(2));
+    auto later = std::make_shared<outcome>();
+    call(later, "silent", {}, std::chrono::seconds(1));
+    ASSERT_TRUE(wait_called(later->where));
+    EXPECT_EQ(later->ec, orvix::error::msg::timeout);
     expect_proper_calls(result->where, 1);
     expect_proper_calls(timed->where, 1);
 }
 
-TEST_F(invoke_test, fails_at_once_while_disconnected) {
-    reset_client();
+TEST_F(invoke_test, fails_with_the_connection_and_at_once_while_disconnected) {
+    auto pending = std::make_shared<outcome>();
+    call(pending, "silent");
+    bus().disconnect({});
+    ASSERT_TRUE(wait_called(pending->where));
+    ASSERT_TRUE(run_until([] { return bus().get_state() == orvix::client::state::disconnected; }));
     auto result = std::make_shared<outcome>();
     call(result, "none");
-    ASSERT_TRUE(run_until([&result] { return result->where.calls > 0; }));
-    EXPECT_EQ(result->ec, orvix::error::msg::connection_failed);
-    EXPECT_EQ(result->ec.message(), "Connection failed");
-    // Not kept for a later connection.
+    ASSERT_TRUE(wait_called(result->where));
+    for (const auto& failed : {pending, result}) {
+        EXPECT_EQ(failed->ec, orvix::error::msg::connection_failed);
+        EXPECT_EQ(failed->ec.message(), "Connection failed");
+    }
+    // Neither is kept for a later connection.
     connect_client();
     flush();
+    expect_proper_calls(pending->where, 1);
     expect_proper_calls(result->where, 1);
-}
-
-TEST_F(invoke_test, an_empty_handler_is_accepted) {
-    bus().invoke("test.service", "many", {}, {}, std::chrono::seconds(0));
-    flush();
 }
 
 TEST_F(invoke_test, a_handler_may_release_its_own_link) {
@@ -241,7 +233,7 @@ TEST_F(invoke_test, a_handler_may_release_its_own_link) {
                 bus().cancel();
                 connect_client();
             }
-            ASSERT_TRUE(run_until([&own] { return own->where.calls > 0; }));
+            ASSERT_TRUE(wait_called(own->where));
             flush();
             expect_proper_calls(own->where, 1);
             EXPECT_FALSE(own->active_inside);

@@ -5,7 +5,6 @@
 #include <orvix/uloop.h>
 
 #include <chrono>
-#include <list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -15,31 +14,10 @@ namespace {
 using namespace orvix_test;
 using state = orvix::client::state;
 
-struct completion {
-    probe where;
-    std::error_code ec;
-};
-
 std::shared_ptr<outcome> call(const std::string& method) {
     auto result = std::make_shared<outcome>();
-    result->where.around([&] {
-        return bus().invoke(
-            "test.service", method, {},
-            [result](const std::list<orvix::blob::attr>& replies, const std::error_code& ec) {
-                result->where.hit();
-                result->replies = replies;
-                result->ec = ec;
-            },
-            std::chrono::seconds(0));
-    });
+    invoke_into(result, "test.service", method);
     return result;
-}
-
-std::function<void(const std::error_code&)> recorder(const std::shared_ptr<completion>& c) {
-    return [c](const std::error_code& ec) {
-        c->where.hit();
-        c->ec = ec;
-    };
 }
 
 TEST(loop_failure, every_pending_and_later_handler_fails_once_and_the_client_is_disconnected) {

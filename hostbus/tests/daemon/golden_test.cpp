@@ -1,127 +1,89 @@
-// Byte-exact exchanges with orvix-ubusd, following recorded reference traffic. Ids are
-// random per run, so they are taken from the replies and spliced into the expected bytes.
-#include "wire.h"
+// Byte-exact exchanges with orvix-ubusd, following recorded reference traffic.
+#include "daemon_test.h"
 
 #include <poll.h>
 #include <sys/socket.h>
 
-using namespace wire;
-
 namespace {
 
-const Bytes demo_sig = hex("06 00 00 40 | 82 00 00 2c 00 05 68 65 6c 6c 6f 00"
-                           "85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 05"
-                           "85 00 00 10 00 03 6d 73 67 00 00 00 00 00 00 03"
-                           "82 00 00 10 00 06 73 74 61 74 75 73 00 00 00 00");
-const Bytes add_demo = cat(
-    {hex("00 06 00 01 00 00 00 00 | 00 00 00 50 | 02 00 00 09 64 65 6d 6f 00 00 00 00"), demo_sig});
-const Bytes status_ok_seq1 = hex("00 01 00 01 00 00 00 00 | 00 00 00 0c | 01 00 00 08 00 00 00 00");
-
-class Golden : public DaemonTest {
-protected:
-    static void expect_next(Client& c, const Bytes& expected) {
-        std::optional<Msg> m = c.recv();
-        ASSERT_TRUE(m) << "waiting for " << to_hex(expected);
-        EXPECT_EQ(to_hex(m->raw), to_hex(expected));
-    }
-    // Publishes "demo" as captured; returns the DATA reply.
-    static Msg publish_demo(Client& owner) {
-        owner.send(add_demo);
-        std::optional<Msg> data = owner.recv(), status = owner.recv();
-        EXPECT_TRUE(data && status);
-        return data ? *data : Msg{};
-    }
+// The demo object published, looked up, called and removed, another client sharing its
+// type, a ping and a failed lookup. Each line: who sends (>) or receives (<) what.
+const std::vector<script_line> script = {
+    {0, '>', "00 06 00 01 00 00 00 00 | 00 00 00 50 | {demo} {sig}"},
+    {0, '<', "00 02 00 01 00 00 00 00 | 00 00 00 14 | 03 00 00 08 {obj} 05 00 00 08 {type}"},
+    {0, '<', "00 01 00 01 00 00 00 00 {ok}"},
+    {1, '>', "00 04 00 01 00 00 00 00 | 00 00 00 10 | {demo}"},
+    {1, '<',
+     "00 02 00 01 00 00 00 00 | 00 00 00 60 | {demo} 03 00 00 08 {obj} 05 00 00 08 {type} {sig}"},
+    {1, '<', "00 01 00 01 00 00 00 00 {ok}"},
+    // USER and GROUP name the caller's account ("root" in the capture).
+    {1, '>', "00 05 00 02 {obj} 00 00 00 3c | 03 00 00 08 {obj} {hello} {args}"},
+    {0, '<', "00 05 00 02 {caller} {invoke_len} | 03 00 00 08 {obj} {hello} {user} {group} {args}"},
+    // The reply is passed on with the peer rewritten to the object.
+    {0, '>', "00 02 00 02 {caller} | 00 00 00 20 | 03 00 00 08 {obj} | {reply}"},
+    {1, '<', "00 02 00 02 {obj} | 00 00 00 20 | 03 00 00 08 {obj} | {reply}"},
+    {0, '>', "00 01 00 02 {caller} | 00 00 00 14 | 01 00 00 08 00 00 00 00 | 03 00 00 08 {obj}"},
+    {1, '<', "00 01 00 02 {obj} | 00 00 00 14 | 01 00 00 08 00 00 00 00 | 03 00 00 08 {obj}"},
+    // A known type is shared by any client and not reported back, nor on removal.
+    {2, '>', "00 06 00 01 00 00 00 00 | 00 00 00 18 | {second_path} 05 00 00 08 {type}"},
+    {2, '<', "00 02 00 01 00 00 00 00 | 00 00 00 0c | 03 00 00 08 {second}"},
+    {2, '<', "00 01 00 01 00 00 00 00 {ok}"},
+    {2, '>', "00 07 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08 {second}"},
+    {2, '<', "00 02 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08 {second}"},
+    {2, '<', "00 01 00 02 00 00 00 00 {ok}"},
+    // The last object of its type reports it.
+    {0, '>', "00 07 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08 {obj}"},
+    {0, '<', "00 02 00 02 00 00 00 00 | 00 00 00 14 | 03 00 00 08 {obj} 05 00 00 08 {type}"},
+    {0, '<', "00 01 00 02 00 00 00 00 {ok}"},
+    // PING and the daemon's own STATUS echo the request's seq and peer.
+    {1, '>', "00 03 00 07 00 00 12 34 | 00 00 00 0c | 02 00 00 06 78 00 00 00"},
+    {1, '<', "00 02 00 07 00 00 12 34 | 00 00 00 0c | 02 00 00 06 78 00 00 00"},
+    {1, '<', "00 01 00 07 00 00 12 34 {ok}"},
+    {1, '>', "00 04 00 09 00 00 00 55 | 00 00 00 10 | 02 00 00 0c 6e 6f 6e 65 00 00 00 00"},
+    {1, '<', "00 01 00 09 00 00 00 55 | 00 00 00 0c | 01 00 00 08 00 00 00 04"},
 };
 
+class Golden : public DaemonTest {};
+
+TEST_F(Golden, ExchangesMatchTheCaptures) {
+    bus_client owner(socket()), caller(socket()), other(socket());
+    const bytes user = attr_str(UBUS_ATTR_USER, user_name());
+    const bytes group = attr_str(UBUS_ATTR_GROUP, group_name());
+    hex_vars vars = {
+        {"sig", from_hex("06 00 00 40 | 82 00 00 2c 00 05 68 65 6c 6c 6f 00"
+                         "85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 05"
+                         "85 00 00 10 00 03 6d 73 67 00 00 00 00 00 00 03"
+                         "82 00 00 10 00 06 73 74 61 74 75 73 00 00 00 00")},
+        {"args", from_hex("07 00 00 24 | 85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 01"
+                          "83 00 00 0f 00 03 6d 73 67 00 00 00 68 69 00 00")},
+        {"reply", from_hex("07 00 00 14 | 83 00 00 0f 00 05 72 65 70 6c 79 00 68 69 00 00")},
+        {"ok", from_hex("00 00 00 0c | 01 00 00 08 00 00 00 00")},
+        {"demo", from_hex("02 00 00 09 64 65 6d 6f 00 00 00 00")},
+        {"second_path", from_hex("02 00 00 0b 73 65 63 6f 6e 64 00 00")},
+        {"hello", from_hex("04 00 00 0a 68 65 6c 6c 6f 00 00 00")},
+        {"caller", be32(caller.id)},
+        {"user", user},
+        {"group", group},
+        {"invoke_len", be32(uint32_t(4 + 8 + 12 + user.size() + group.size() + 36))},
+    };
+    EXPECT_EQ(play_script(script, {&owner, &caller, &other}, vars), "");
+    EXPECT_EQ(vars["sig"], demo_signature());
+    EXPECT_GE(get_be32(vars["obj"].data()), 1024u);
+    EXPECT_GE(get_be32(vars["type"].data()), 1024u);
+    for (bus_client* c : {&owner, &caller, &other})
+        EXPECT_FALSE(c->recv(100)) << "the daemon itself adds nothing";
+}
+
+// Clients read the greeting with a single read().
 TEST_F(Golden, HelloIsTwelveBytesInOneWrite) {
-    Client c(socket(), false);
-    struct pollfd p = {c.fd, POLLIN, 0};
+    bus_client c(socket(), false);
+    pollfd p = {c.fd(), POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, 5000), 1);
-    // One read returns the whole greeting: clients read it with a single read().
     uint8_t buf[64];
-    ASSERT_EQ(recv(c.fd, buf, sizeof(buf), MSG_DONTWAIT), 12);
-    EXPECT_EQ(to_hex(Bytes(buf, buf + 4)), "00 00 00 00");
-    EXPECT_EQ(to_hex(Bytes(buf + 8, buf + 12)), "00 00 00 04");
-    EXPECT_GE((uint32_t(buf[4]) << 24) | (uint32_t(buf[5]) << 16) | (buf[6] << 8) | buf[7], 1024u);
-}
-
-TEST_F(Golden, AddObjectAndLookupReplies) {
-    Client owner(socket()), cli(socket());
-    owner.send(add_demo);
-    std::optional<Msg> added = owner.recv();
-    ASSERT_TRUE(added);
-    uint32_t id = added->u32(A_OBJID), type = added->u32(A_OBJTYPE);
-    EXPECT_GE(id, 1024u);
-    EXPECT_GE(type, 1024u);
-    EXPECT_EQ(to_hex(added->raw),
-              to_hex(cat({hex("00 02 00 01 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
-                          hex("05 00 00 08"), be32(type)})));
-    expect_next(owner, status_ok_seq1);
-
-    cli.send(hex("00 04 00 01 00 00 00 00 | 00 00 00 10 | 02 00 00 09 64 65 6d 6f 00 00 00 00"));
-    expect_next(cli, cat({hex("00 02 00 01 00 00 00 00 | 00 00 00 60 | "
-                              "02 00 00 09 64 65 6d 6f 00 00 00 00 | 03 00 00 08"),
-                          be32(id), hex("05 00 00 08"), be32(type), demo_sig}));
-    expect_next(cli, status_ok_seq1);
-}
-
-TEST_F(Golden, InvokeForwardingAndReplyPeerRewrite) {
-    Client owner(socket()), caller(socket());
-    uint32_t obj = publish_demo(owner).u32(A_OBJID);
-    const Bytes method = hex("04 00 00 0a 68 65 6c 6c 6f 00 00 00");
-    const Bytes args = hex("07 00 00 24 | 85 00 00 10 00 02 69 64 00 00 00 00 00 00 00 01"
-                           "83 00 00 0f 00 03 6d 73 67 00 00 00 68 69 00 00");
-    caller.send(cat({hex("00 05 00 02"), be32(obj), hex("00 00 00 3c | 03 00 00 08"), be32(obj),
-                     method, args}));
-
-    // USER and GROUP name the caller's account ("root" in the capture).
-    Bytes user = attr_str(A_USER, user_name()), group = attr_str(A_GROUP, group_name());
-    Bytes body = cat({hex("03 00 00 08"), be32(obj), method, user, group, args});
-    expect_next(owner,
-                cat({hex("00 05 00 02"), be32(caller.id), be32(uint32_t(4 + body.size())), body}));
-
-    const Bytes data_blob =
-        cat({hex("00 00 00 20 | 03 00 00 08"), be32(obj),
-             hex("07 00 00 14 | 83 00 00 0f 00 05 72 65 70 6c 79 00 68 69 00 00")});
-    const Bytes status_blob =
-        cat({hex("00 00 00 14 | 01 00 00 08 00 00 00 00 | 03 00 00 08"), be32(obj)});
-    owner.send(cat({hex("00 02 00 02"), be32(caller.id), data_blob}));
-    owner.send(cat({hex("00 01 00 02"), be32(caller.id), status_blob}));
-    expect_next(caller, cat({hex("00 02 00 02"), be32(obj), data_blob}));
-    expect_next(caller, cat({hex("00 01 00 02"), be32(obj), status_blob}));
-    EXPECT_FALSE(caller.recv(200)) << "the daemon itself adds nothing for the caller";
-}
-
-TEST_F(Golden, TypeIsReportedOnlyOnLastRemoval) {
-    Client owner(socket()), other(socket());
-    Msg added = publish_demo(owner);
-    uint32_t id = added.u32(A_OBJID), type = added.u32(A_OBJTYPE), reported = 1;
-    // A known type id is shared by any client and not reported back.
-    uint32_t second = other.add_object("second", attr_u32(A_OBJTYPE, type), &reported);
-    ASSERT_NE(second, 0u);
-    EXPECT_EQ(reported, 0u);
-    std::vector<Msg> data;
-    ASSERT_EQ(other.lookup(std::string("second"), &data), 0);
-    ASSERT_EQ(data.size(), 1u);
-    EXPECT_EQ(data[0].u32(A_OBJTYPE), type);
-    data.clear();
-    ASSERT_EQ(other.remove(second, &data), 0);
-    ASSERT_EQ(data.size(), 1u);
-    EXPECT_FALSE(data[0].has(A_OBJTYPE));
-
-    owner.send(cat({hex("00 07 00 02 00 00 00 00 | 00 00 00 0c | 03 00 00 08"), be32(id)}));
-    expect_next(owner, cat({hex("00 02 00 02 00 00 00 00 | 00 00 00 14 | 03 00 00 08"), be32(id),
-                            hex("05 00 00 08"), be32(type)}));
-    expect_next(owner, hex("00 01 00 02 00 00 00 00 00 00 00 0c 01 00 00 08 00 00 00 00"));
-}
-
-TEST_F(Golden, PingAndDaemonStatusEchoTheRequestHeader) {
-    Client c(socket());
-    c.send(hex("00 03 00 07 00 00 12 34 | 00 00 00 0c | 02 00 00 06 78 00 00 00"));
-    expect_next(c, hex("00 02 00 07 00 00 12 34 00 00 00 0c 02 00 00 06 78 00 00 00"));
-    expect_next(c, hex("00 01 00 07 00 00 12 34 00 00 00 0c 01 00 00 08 00 00 00 00"));
-    c.send(msg(LOOKUP, 9, 0x55, {attr_str(A_OBJPATH, "nothing")}));
-    expect_next(c, hex("00 01 00 09 00 00 00 55 00 00 00 0c 01 00 00 08 00 00 00 04"));
+    ASSERT_EQ(recv(c.fd(), buf, sizeof(buf), MSG_DONTWAIT), 12);
+    EXPECT_EQ(to_hex(buf, 4), "00 00 00 00");
+    EXPECT_EQ(to_hex(buf + 8, 4), "00 00 00 04");
+    EXPECT_GE(get_be32(buf + 4), 1024u);
 }
 
 } // namespace

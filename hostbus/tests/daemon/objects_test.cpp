@@ -1,14 +1,12 @@
 // Objects and listings: path order, wildcards, statuses, signatures, untyped objects, ownership.
-#include "wire.h"
-
-using namespace wire;
+#include "daemon_test.h"
 
 namespace {
 
 class Objects : public DaemonTest {};
 
 TEST_F(Objects, LookupOrderWildcardsAndStatuses) {
-    Client c(socket());
+    bus_client c(socket());
     int status = -1;
     EXPECT_TRUE(c.list(std::nullopt, &status).empty());
     EXPECT_EQ(status, 0) << "listing an empty bus";
@@ -42,51 +40,20 @@ TEST_F(Objects, LookupOrderWildcardsAndStatuses) {
         EXPECT_EQ(status, k.status) << k.path.value_or("(all)");
     }
     // OBJPATH announces 16 bytes but the message ends after 8: as if there were no path.
-    std::vector<Msg> data;
-    EXPECT_EQ(
-        c.request(hex("00 04 00 05 00 00 00 00 | 00 00 00 0c | 02 00 00 10 61 62 63 00"), &data),
-        0);
+    std::vector<frame> data;
+    EXPECT_EQ(c.request(from_hex("00 04 00 05 00 00 00 00 | 00 00 00 0c | 02 00 00 10 61 62 63 00"),
+                        &data),
+              0);
     EXPECT_EQ(data.size(), all.size());
 }
 
-TEST_F(Objects, DuplicatePathIsInvalidArgument) {
-    Client a(socket()), b(socket());
-    ASSERT_NE(a.add_object("dup", signature({"m"})), 0u);
-    int status = -1;
-    EXPECT_EQ(a.add_object("dup", signature({"m"}), nullptr, &status), 0u);
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(b.add_object("dup", signature({}), nullptr, &status), 0u);
-    EXPECT_EQ(status, 2);
-    EXPECT_NE(b.add_object("Dup", signature({})), 0u);
-    EXPECT_NE(b.add_object("dup ", signature({})), 0u);
-}
-
-TEST_F(Objects, SignaturesAreHandedOutAsRegistered) {
-    Client c(socket());
-    const Bytes sigs[] = {
-        attr(A_SIGNATURE, {}), // a type without methods
-        attr(A_SIGNATURE, cat({table("a", {field_u32("x", 5), table("in", {field_u32("", 1)})}),
-                               table("b", {field_str("s", "odd but kept")})})),
-    };
-    for (const Bytes& sig : sigs) {
-        uint32_t type = 0;
-        ASSERT_NE(c.add_object("sig" + std::to_string(sig.size()), sig, &type), 0u);
-        EXPECT_NE(type, 0u);
-        std::vector<Msg> data;
-        ASSERT_EQ(c.lookup("sig" + std::to_string(sig.size()), &data), 0);
-        ASSERT_EQ(data.size(), 1u);
-        EXPECT_EQ(to_hex(data[0].attrs[A_SIGNATURE]), to_hex(sig));
-        EXPECT_EQ(data[0].attr_list.size(), 4u);
-    }
-}
-
 TEST_F(Objects, UntypedObjectsAreUnlistedButHoldTheirPathAndTakeCalls) {
-    Client c(socket()), caller(socket());
-    const Bytes untyped[] = {
-        attr(A_SIGNATURE, cat({table("ok", {}), table("", {})})), // a method without a name
-        attr(A_SIGNATURE, attr_u32(3, 1)),                        // not a blobmsg entry
-        attr_u32(A_OBJTYPE, 0x7777777),                           // unknown type id
-        Bytes{},                                                  // no type at all
+    bus_client c(socket()), caller(socket());
+    const bytes untyped[] = {
+        attr(UBUS_ATTR_SIGNATURE, table("ok", {}) + table("", {})), // a method without a name
+        attr(UBUS_ATTR_SIGNATURE, attr_u32(3, 1)),                  // not a blobmsg entry
+        attr_u32(UBUS_ATTR_OBJTYPE, 0x7777777),                     // unknown type id
+        bytes{},                                                    // no type at all
     };
     uint32_t first = 0;
     for (size_t i = 0; i < 4; i++) {
@@ -96,33 +63,39 @@ TEST_F(Objects, UntypedObjectsAreUnlistedButHoldTheirPathAndTakeCalls) {
         EXPECT_EQ(type, 0u) << i;
         first = first ? first : id;
     }
-    std::vector<Msg> data;
+    std::vector<frame> data;
     EXPECT_EQ(c.lookup(std::string("untyped0"), &data), 0);
     EXPECT_EQ(c.lookup(std::string("untyped*"), &data), 0);
     EXPECT_EQ(c.lookup(std::nullopt, &data), 0);
     EXPECT_TRUE(data.empty());
-    int status = -1;
-    EXPECT_EQ(c.add_object("untyped0", signature({"m"}), nullptr, &status), 0u);
-    EXPECT_EQ(status, 2);
 
-    caller.send(invoke(3, first, "x"));
-    std::optional<Msg> fwd = c.recv();
+    caller.send(invoke(3, first, first, "x"));
+    std::optional<frame> fwd = c.recv();
     ASSERT_TRUE(fwd);
-    EXPECT_EQ(fwd->type, INVOKE);
+    EXPECT_EQ(fwd->type, UBUS_MSG_INVOKE);
     EXPECT_EQ(fwd->peer, caller.id);
 }
 
-TEST_F(Objects, RemoveStatuses) {
-    Client owner(socket()), other(socket());
+TEST_F(Objects, PathsAreOwnedUntilRemoved) {
+    bus_client owner(socket()), other(socket());
     uint32_t id = owner.add_object("mine", signature({"m"}));
     ASSERT_NE(id, 0u);
-    EXPECT_EQ(other.remove(id), 6) << "not the owner";
-    EXPECT_EQ(other.request(msg(REMOVE_OBJECT, 2, 0, {})), 2);
-    EXPECT_EQ(other.request(msg(REMOVE_OBJECT, 4, 0, {attr(A_OBJID, {1, 2})})), 2);
-    EXPECT_EQ(other.remove(0), 4);
+    int status = -1;
+    for (bus_client* c : {&owner, &other}) {
+        EXPECT_EQ(c->add_object("mine", signature({}), nullptr, &status), 0u);
+        EXPECT_EQ(status, UBUS_STATUS_INVALID_ARGUMENT);
+    }
+    EXPECT_NE(other.add_object("Mine", signature({})), 0u) << "paths are case-sensitive";
+    EXPECT_NE(other.add_object("mine ", signature({})), 0u);
+
+    EXPECT_EQ(other.remove(id), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(other.request(msg(UBUS_MSG_REMOVE_OBJECT, 2, 0)), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(other.request(msg(UBUS_MSG_REMOVE_OBJECT, 4, 0, attr(UBUS_ATTR_OBJID, {1, 2}))),
+              UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(other.remove(0), UBUS_STATUS_NOT_FOUND);
     EXPECT_EQ(owner.remove(id), 0);
-    EXPECT_EQ(owner.remove(id), 4);
-    EXPECT_EQ(owner.lookup(std::string("mine")), 4);
+    EXPECT_EQ(owner.remove(id), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(owner.lookup(std::string("mine")), UBUS_STATUS_NOT_FOUND);
     EXPECT_NE(other.add_object("mine", signature({})), 0u) << "the path is free again";
 }
 

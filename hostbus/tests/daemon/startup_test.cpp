@@ -1,13 +1,13 @@
 // Command line, listening socket and signals of orvix-ubusd.
-#include "wire.h"
+#include "daemon_test.h"
+
+#include <orvix_testing/process.h>
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-using namespace wire;
+#include <memory>
 
 namespace {
 
@@ -20,71 +20,36 @@ protected:
         socket_ = dir_ + "/bus.sock";
     }
     void TearDown() override {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (err_ >= 0)
-            close(err_);
+        daemon_.reset();
         unlink(socket_.c_str());
         rmdir(dir_.c_str());
     }
 
-    // Starts the daemon with its stderr in `err_`; waits for the socket unless `expect_exit`.
-    void spawn(std::vector<std::string> args, bool ignore_term = false, bool expect_exit = false) {
-        char tmpl[] = "/tmp/orvix-startup-err-XXXXXX";
-        int err = mkstemp(tmpl);
-        ASSERT_GE(err, 0);
-        unlink(tmpl);
-        pid_ = fork();
-        ASSERT_GE(pid_, 0);
-        if (pid_ == 0) {
-            dup2(err, 2);
-            if (ignore_term) {
-                signal(SIGTERM, SIG_IGN);
-                signal(SIGINT, SIG_IGN);
-            }
-            std::vector<char*> argv = {const_cast<char*>(ORVIX_TEST_UBUSD)};
-            for (std::string& a : args)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(ORVIX_TEST_UBUSD, argv.data());
-            _exit(127);
-        }
-        err_ = err;
-        for (int i = 0; i < 1000 && !expect_exit; i++) {
-            try {
-                Client probe(socket_);
-                return;
-            } catch (const std::exception&) {
-                usleep(5000);
-            }
-        }
-        ASSERT_TRUE(expect_exit) << "the socket never accepted";
+    // Starts the daemon with its standard error on the pipe. Started with SIGTERM and SIGINT
+    // ignored, it finds them so, as under some service managers.
+    void start(std::vector<std::string> args, bool ignore_term = false) {
+        struct sigaction ignore = {}, term, intr;
+        ignore.sa_handler = ignore_term ? SIG_IGN : SIG_DFL;
+        sigaction(SIGTERM, &ignore, &term);
+        sigaction(SIGINT, &ignore, &intr);
+        args.insert(args.begin(), ORVIX_TEST_UBUSD);
+        daemon_ = std::make_unique<process>(args, true);
+        sigaction(SIGTERM, &term, nullptr);
+        sigaction(SIGINT, &intr, nullptr);
     }
-
-    // Exit status (1000 + signal when killed), or -1 if it did not exit in time; and stderr.
-    int wait_exit(std::string* stderr_text = nullptr) {
-        for (int waited = 0; waited < 5000; waited += 5, usleep(5000)) {
-            int st;
-            if (waitpid(pid_, &st, WNOHANG) != pid_)
-                continue;
-            pid_ = 0;
-            char buf[512];
-            ssize_t n;
-            while (stderr_text &&
-                   (n = pread(err_, buf, sizeof(buf), off_t(stderr_text->size()))) > 0)
-                stderr_text->append(buf, size_t(n));
-            close(err_);
-            err_ = -1;
-            return WIFEXITED(st) ? WEXITSTATUS(st) : 1000 + WTERMSIG(st);
+    bool accepting() {
+        for (int i = 0; i < 1000; i++, usleep(5000)) {
+            try {
+                bus_client probe(socket_);
+                return true;
+            } catch (const std::exception&) {
+            }
         }
-        return -1;
+        return false;
     }
 
     std::string dir_, socket_;
-    pid_t pid_ = 0;
-    int err_ = -1;
+    std::unique_ptr<process> daemon_;
 };
 
 TEST_F(Startup, BadCommandLinesFail) {
@@ -97,10 +62,10 @@ TEST_F(Startup, BadCommandLinesFail) {
         {{"-s", dir_ + "/missing/bus.sock"}, 255, "usock: "},
     };
     for (const auto& c : cases) {
-        spawn(c.args, false, true);
-        std::string text;
-        EXPECT_EQ(wait_exit(&text), c.status) << c.text;
-        EXPECT_NE(text.find(c.text), std::string::npos) << text;
+        start(c.args);
+        daemon_->read_until("", 5000);
+        EXPECT_EQ(daemon_->wait(), c.status) << c.text;
+        EXPECT_NE(daemon_->output().find(c.text), std::string::npos) << daemon_->output();
     }
     EXPECT_NE(access((dir_ + "/missing").c_str(), F_OK), 0) << "no directory is made for -s";
 }
@@ -111,25 +76,27 @@ TEST_F(Startup, SignalsRemoveTheSocketAndExitCleanly) {
         int fd = open(socket_.c_str(), O_CREAT | O_WRONLY, 0600);
         ASSERT_GE(fd, 0);
         close(fd);
-        spawn({"-s", socket_}, ignored);
+        start({"-s", socket_}, ignored);
+        ASSERT_TRUE(accepting());
         struct stat st;
         ASSERT_EQ(stat(socket_.c_str(), &st), 0);
         EXPECT_TRUE(S_ISSOCK(st.st_mode));
         EXPECT_EQ(st.st_mode & 0777, 0666u);
-        Client c(socket_);
+        bus_client c(socket_);
         ASSERT_NE(c.add_object("x", signature({"m"})), 0u);
-        kill(pid_, sig);
-        EXPECT_EQ(wait_exit(), 0) << sig << (ignored ? " started ignored" : "");
+        daemon_->signal(sig);
+        EXPECT_EQ(daemon_->wait(), 0) << sig << (ignored ? " started ignored" : "");
         EXPECT_NE(access(socket_.c_str(), F_OK), 0) << sig;
         EXPECT_TRUE(c.closed_by_peer());
     }
 }
 
 TEST_F(Startup, AclDirectoryAndHangupLeaveItServing) {
-    spawn({"-A", "/nonexistent/acl.d", "-s", socket_});
-    kill(pid_, SIGHUP);
+    start({"-A", "/nonexistent/acl.d", "-s", socket_});
+    ASSERT_TRUE(accepting());
+    daemon_->signal(SIGHUP);
     usleep(100000);
-    Client c(socket_);
+    bus_client c(socket_);
     EXPECT_EQ(c.ping(), 0);
 }
 

@@ -1,91 +1,17 @@
 // Objects as an owner: publishing, removing, serving calls, replies and passed descriptors.
+#include "fake_daemon.h"
+
 #include <signal.h>
 #include <unistd.h>
 
-#include "wire_peer.h"
-
 namespace {
 
-Bytes owner_status(uint16_t seq, uint32_t peer, uint32_t status, uint32_t object) {
+bytes owner_status(uint16_t seq, uint32_t peer, uint32_t status, uint32_t object) {
     return status_msg(seq, peer, status, objid(object));
 }
 
-TEST_F(UbusTest, AddObjectMatchesTheCaptureAndReportsFailures) {
-    add_demo_object();
-    ubus_object other = demo, anonymous = {};
-    other.name = "demo2";
-    daemon.send(msg(UBUS_MSG_DATA, 2, 0, objid(0x77)) + status_msg(2, 0, 0) +
-                status_msg(3, 0, UBUS_STATUS_INVALID_ARGUMENT) + status_msg(4, 0, 0) +
-                msg(UBUS_MSG_DATA, 5, 0, objid(0x99)) + status_msg(5, 0, 0));
-    ASSERT_EQ(ubus_add_object(ctx, &other), 0);
-    EXPECT_EQ(hex_of(daemon.receive_msg()),
-              hex_of(msg(UBUS_MSG_ADD_OBJECT, 2, 0,
-                         attr(UBUS_ATTR_OBJPATH, str("demo2")) +
-                             attr(UBUS_ATTR_OBJTYPE, be32(0x15646072)))))
-        << "a known type is referred to by id";
-    other.id = 0;
-    EXPECT_EQ(ubus_add_object(ctx, &other), UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(other.id, 0u);
-    EXPECT_EQ(ubus_add_object(ctx, &other), UBUS_STATUS_NO_DATA);
-    EXPECT_EQ(ubus_add_object(ctx, &anonymous), 0);
-    EXPECT_EQ(anonymous.id, 0x99u);
-    daemon.receive_msg();
-    daemon.receive_msg();
-    EXPECT_EQ(hex_of(daemon.receive_msg()), hex_of(msg(UBUS_MSG_ADD_OBJECT, 5, 0, {})));
-}
-
-TEST_F(UbusTest, SignatureHonoursTheMaskAndEmptyNames) {
-    static const blobmsg_policy policy[] = {
-        {"a", BLOBMSG_TYPE_INT32}, {nullptr, BLOBMSG_TYPE_STRING}, {"c", BLOBMSG_TYPE_BOOL}};
-    static const ubus_method methods[] = {
-        UBUS_METHOD_MASK("m", demo_dispatch, policy, 0x5),
-        UBUS_METHOD("n", demo_dispatch, policy),
-        UBUS_METHOD_NOARG(nullptr, demo_dispatch),
-    };
-    static ubus_object_type type = UBUS_OBJECT_TYPE("t", methods);
-    ubus_object obj = {};
-    obj.name = "x";
-    obj.type = &type;
-    daemon.send(status_msg(1, 0, UBUS_STATUS_INVALID_ARGUMENT));
-    ubus_add_object(ctx, &obj);
-    EXPECT_EQ(
-        hex_of(daemon.receive_msg()),
-        hex_of(msg(UBUS_MSG_ADD_OBJECT, 1, 0,
-                   attr(UBUS_ATTR_OBJPATH, str("x")) +
-                       hex("06 00 00 58 | 82 00 00 20 00 01 6d 00"
-                           "85 00 00 0c 00 01 61 00 00 00 00 05"
-                           "85 00 00 0c 00 01 63 00 00 00 00 07 | 82 00 00 2c 00 01 6e 00"
-                           "85 00 00 0c 00 01 61 00 00 00 00 05"
-                           "85 00 00 0c 00 00 00 00 00 00 00 03"
-                           "85 00 00 0c 00 01 63 00 00 00 00 07 | 82 00 00 08 00 00 00 00"))));
-}
-
-TEST_F(UbusTest, RemoveObjectMatchesTheCapture) {
-    daemon.send(
-        msg(UBUS_MSG_DATA, 1, 0, objid(0x9e2a65d8) + attr(UBUS_ATTR_OBJTYPE, be32(0xae8e702e))) +
-        status_ok_seq1 +
-        hex("00 02 00 02 00 00 00 00 | 00 00 00 14 | 03 00 00 08 9e 2a 65 d8 |"
-            "05 00 00 08 ae 8e 70 2e"
-            "00 01 00 02 00 00 00 00 | 00 00 00 0c | 01 00 00 08 00 00 00 00") +
-        status_msg(3, 0, UBUS_STATUS_NOT_FOUND));
-    ASSERT_EQ(ubus_add_object(ctx, &demo), 0);
-    daemon.receive_msg();
-    EXPECT_EQ(ubus_remove_object(ctx, &demo), 0);
-    EXPECT_EQ(hex_of(daemon.receive_msg()),
-              "00 07 00 02 00 00 00 00 00 00 00 0c 03 00 00 08 9e 2a 65 d8");
-    EXPECT_EQ(demo.id, 0u);
-    EXPECT_EQ(demo_type.id, 0u);
-    EXPECT_EQ(ubus_remove_object(ctx, &demo), UBUS_STATUS_NOT_FOUND);
-    daemon.receive_msg();
-    // No longer served: refused with seq, peer and object 0.
-    daemon.send(
-        msg(UBUS_MSG_INVOKE, 7, 0x55,
-            objid(0x9e2a65d8) + attr(UBUS_ATTR_METHOD, str("hello")) + attr(UBUS_ATTR_DATA, {})));
-    ubus_handle_event(ctx);
-    EXPECT_EQ(hex_of(daemon.drain()), hex_of(owner_status(0, 0, UBUS_STATUS_NOT_FOUND, 0)));
-}
-
-TEST_F(UbusTest, ServesACallAsCaptured) {
+// Publishing, serving a call and removing, byte for byte as the reference client did.
+TEST_F(UbusTest, ObjectLifecycleMatchesTheCaptures) {
     add_demo_object();
     on_call = [&](ubus_context* c, ubus_request_data* req, const char* method, blob_attr* args) {
         EXPECT_STREQ(method, "hello");
@@ -108,12 +34,71 @@ TEST_F(UbusTest, ServesACallAsCaptured) {
         blob_buf_free(&b);
         return 0;
     };
-    daemon.send(invoke_hello_to_owner);
+    daemon.client.send(invoke_hello_to_owner);
     ubus_handle_event(ctx);
-    EXPECT_EQ(hex_of(daemon.receive_msg()),
-              hex_of(hex("00 02 00 02 d3 28 f7 07") + reply_data_blob));
-    EXPECT_EQ(hex_of(daemon.receive_msg()),
-              hex_of(hex("00 01 00 02 d3 28 f7 07") + reply_status_blob));
+    EXPECT_EQ(daemon.next(), to_hex(from_hex("00 02 00 02 d3 28 f7 07") + reply_data_blob));
+    EXPECT_EQ(daemon.next(), to_hex(from_hex("00 01 00 02 d3 28 f7 07") + reply_status_blob));
+
+    ubus_object other = demo, anonymous = {};
+    other.name = "demo2";
+    daemon.client.send(msg(UBUS_MSG_DATA, 2, 0, objid(0x77)) + status_msg(2, 0, 0) +
+                       status_msg(3, 0, UBUS_STATUS_INVALID_ARGUMENT) + status_msg(4, 0, 0) +
+                       msg(UBUS_MSG_DATA, 5, 0, objid(0x99)) + status_msg(5, 0, 0));
+    ASSERT_EQ(ubus_add_object(ctx, &other), 0);
+    EXPECT_EQ(daemon.next(), to_hex(msg(UBUS_MSG_ADD_OBJECT, 2, 0,
+                                        attr_str(UBUS_ATTR_OBJPATH, "demo2") +
+                                            attr_u32(UBUS_ATTR_OBJTYPE, 0x15646072))))
+        << "a known type is referred to by id";
+    other.id = 0;
+    EXPECT_EQ(ubus_add_object(ctx, &other), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(other.id, 0u);
+    EXPECT_EQ(ubus_add_object(ctx, &other), UBUS_STATUS_NO_DATA);
+    EXPECT_EQ(ubus_add_object(ctx, &anonymous), 0);
+    EXPECT_EQ(anonymous.id, 0x99u);
+    daemon.next();
+    daemon.next();
+    EXPECT_EQ(daemon.next(), to_hex(msg(UBUS_MSG_ADD_OBJECT, 5, 0)));
+
+    // The last object of its type gone, the daemon names the type and the id is forgotten.
+    daemon.client.send(
+        msg(UBUS_MSG_DATA, 6, 0, objid(0x8debad38) + attr_u32(UBUS_ATTR_OBJTYPE, 0x15646072)) +
+        status_msg(6, 0, 0) + status_msg(7, 0, UBUS_STATUS_NOT_FOUND));
+    EXPECT_EQ(ubus_remove_object(ctx, &demo), 0);
+    EXPECT_EQ(daemon.next(), "00 07 00 06 00 00 00 00 00 00 00 0c 03 00 00 08 8d eb ad 38");
+    EXPECT_EQ(demo.id, 0u);
+    EXPECT_EQ(demo_type.id, 0u);
+    EXPECT_EQ(ubus_remove_object(ctx, &demo), UBUS_STATUS_NOT_FOUND);
+    daemon.next();
+    // No longer served: refused with seq, peer and object 0.
+    daemon.client.send(invoke_demo(8, "hello"));
+    ubus_handle_event(ctx);
+    EXPECT_EQ(to_hex(daemon.client.drain()), to_hex(owner_status(0, 0, UBUS_STATUS_NOT_FOUND, 0)));
+}
+
+TEST_F(UbusTest, SignatureHonoursTheMaskAndEmptyNames) {
+    static const blobmsg_policy policy[] = {
+        {"a", BLOBMSG_TYPE_INT32}, {nullptr, BLOBMSG_TYPE_STRING}, {"c", BLOBMSG_TYPE_BOOL}};
+    static const ubus_method methods[] = {
+        UBUS_METHOD_MASK("m", demo_dispatch, policy, 0x5),
+        UBUS_METHOD("n", demo_dispatch, policy),
+        UBUS_METHOD_NOARG(nullptr, demo_dispatch),
+    };
+    static ubus_object_type type = UBUS_OBJECT_TYPE("t", methods);
+    ubus_object obj = {};
+    obj.name = "x";
+    obj.type = &type;
+    daemon.client.send(status_msg(1, 0, UBUS_STATUS_INVALID_ARGUMENT));
+    ubus_add_object(ctx, &obj);
+    EXPECT_EQ(
+        daemon.next(),
+        to_hex(msg(UBUS_MSG_ADD_OBJECT, 1, 0,
+                   attr_str(UBUS_ATTR_OBJPATH, "x") +
+                       from_hex("06 00 00 58 | 82 00 00 20 00 01 6d 00"
+                                "85 00 00 0c 00 01 61 00 00 00 00 05"
+                                "85 00 00 0c 00 01 63 00 00 00 00 07 | 82 00 00 2c 00 01 6e 00"
+                                "85 00 00 0c 00 01 61 00 00 00 00 05"
+                                "85 00 00 0c 00 00 00 00 00 00 00 03"
+                                "85 00 00 0c 00 01 63 00 00 00 00 07 | 82 00 00 08 00 00 00 00"))));
 }
 
 int wildcard(ubus_context*, ubus_object*, ubus_request_data* req, const char* method, blob_attr*) {
@@ -128,9 +113,9 @@ TEST_F(UbusTest, DispatchRefusesBadCallsAndFallsBackToTheNamelessMethod) {
         calls++;
         return UBUS_STATUS_PERMISSION_DENIED;
     };
-    const Bytes method = attr(UBUS_ATTR_METHOD, str("hello")), data = attr(UBUS_ATTR_DATA, {});
+    const bytes method = attr_str(UBUS_ATTR_METHOD, "hello"), data = attr(UBUS_ATTR_DATA, {});
     const struct {
-        Bytes call, reply;
+        bytes call, reply;
     } cases[] = {
         {msg(UBUS_MSG_INVOKE, 7, 0x55, objid(0x1234) + method + data),
          owner_status(0, 0, UBUS_STATUS_NOT_FOUND, 0)},
@@ -141,15 +126,15 @@ TEST_F(UbusTest, DispatchRefusesBadCallsAndFallsBackToTheNamelessMethod) {
          owner_status(7, 0x55, UBUS_STATUS_INVALID_ARGUMENT, 0x8debad38)},
         {msg(UBUS_MSG_INVOKE, 7, 0x55, attr(UBUS_ATTR_OBJID, {0x8d, 0xeb}) + method + data), {}},
         // A truncated DATA ends parsing: as if there were none.
-        {msg(UBUS_MSG_INVOKE, 7, 0x55, objid(0x8debad38) + method + hex("07 00 01 00")),
+        {msg(UBUS_MSG_INVOKE, 7, 0x55, objid(0x8debad38) + method + from_hex("07 00 01 00")),
          owner_status(7, 0x55, UBUS_STATUS_INVALID_ARGUMENT, 0x8debad38)},
         // The handler's return value becomes the status.
         {invoke_demo(8, "hello"), owner_status(8, 0x55, UBUS_STATUS_PERMISSION_DENIED, 0x8debad38)},
     };
     for (const auto& c : cases) {
-        daemon.send(c.call);
+        daemon.client.send(c.call);
         ubus_handle_event(ctx);
-        EXPECT_EQ(hex_of(daemon.drain()), hex_of(c.reply)) << hex_of(c.call);
+        EXPECT_EQ(to_hex(daemon.client.drain()), to_hex(c.reply)) << to_hex(c.call);
     }
     EXPECT_EQ(calls, 1);
 
@@ -159,17 +144,17 @@ TEST_F(UbusTest, DispatchRefusesBadCallsAndFallsBackToTheNamelessMethod) {
     ubus_object obj = {};
     obj.methods = methods;
     obj.n_methods = 3;
-    daemon.send(msg(UBUS_MSG_DATA, 2, 0, objid(0x42)) + status_msg(2, 0, 0));
+    daemon.client.send(msg(UBUS_MSG_DATA, 2, 0, objid(0x42)) + status_msg(2, 0, 0));
     ASSERT_EQ(ubus_add_object(ctx, &obj), 0);
-    daemon.drain();
+    daemon.client.drain();
     on_call = [&](ubus_context*, ubus_request_data* req, const char* method, blob_attr*) {
         log.push_back(std::string(method) + (req->acl.user ? " with acl" : " without acl"));
         return 0;
     };
     for (const char* m : {"a", "b", "zzz"}) {
-        daemon.send(msg(UBUS_MSG_INVOKE, 1, 0x55,
-                        objid(0x42) + attr(UBUS_ATTR_METHOD, str(m)) +
-                            attr(UBUS_ATTR_USER, str("u")) + attr(UBUS_ATTR_DATA, {})));
+        daemon.client.send(msg(UBUS_MSG_INVOKE, 1, 0x55,
+                               objid(0x42) + attr_str(UBUS_ATTR_METHOD, m) +
+                                   attr_str(UBUS_ATTR_USER, "u") + attr(UBUS_ATTR_DATA, {})));
         ubus_handle_event(ctx);
     }
     // Entries are tried in order, so the nameless one takes "b" too; user and group come
@@ -185,16 +170,15 @@ TEST_F(UbusTest, DeferredAndNoReplyCallsSendNothingOnReturn) {
             ubus_defer_request(c, req, &later);
         return UBUS_STATUS_UNKNOWN_ERROR;
     };
-    daemon.send(invoke_hello_to_owner + invoke_demo(3, "status", attr(UBUS_ATTR_NO_REPLY, {1})));
+    daemon.client.send(invoke_hello_to_owner +
+                       invoke_demo(3, "status", attr(UBUS_ATTR_NO_REPLY, {1})));
     ubus_handle_event(ctx);
-    EXPECT_EQ(daemon.drain().size(), 0u);
+    EXPECT_EQ(daemon.client.drain().size(), 0u);
     EXPECT_EQ(ubus_send_reply(ctx, &later, nullptr), 0);
     ubus_complete_deferred_request(ctx, &later, 0);
-    EXPECT_EQ(
-        hex_of(daemon.receive_msg()),
-        hex_of(msg(UBUS_MSG_DATA, 2, 0xd328f707, objid(0x8debad38) + attr(UBUS_ATTR_DATA, {}))));
-    EXPECT_EQ(hex_of(daemon.receive_msg()),
-              hex_of(hex("00 01 00 02 d3 28 f7 07") + reply_status_blob));
+    EXPECT_EQ(daemon.next(), to_hex(msg(UBUS_MSG_DATA, 2, 0xd328f707,
+                                        objid(0x8debad38) + attr(UBUS_ATTR_DATA, {}))));
+    EXPECT_EQ(daemon.next(), to_hex(from_hex("00 01 00 02 d3 28 f7 07") + reply_status_blob));
 }
 
 bool pipe_has_reader(int write_end) {
@@ -212,7 +196,7 @@ TEST_F(UbusTest, DescriptorsGoWithTheFirstBytesAndAreClosedUnlessClaimed) {
     ubus_request req;
     ASSERT_EQ(ubus_invoke_async_fd(ctx, 0x10, "m", nullptr, &req, out[0]), 0);
     int sent = -1;
-    daemon.receive_msg(&sent);
+    daemon.next(&sent);
     ASSERT_GE(sent, 0);
     close(sent);
     EXPECT_FALSE(pipe_has_reader(out[1]));
@@ -221,7 +205,7 @@ TEST_F(UbusTest, DescriptorsGoWithTheFirstBytesAndAreClosedUnlessClaimed) {
     received = -1;
     req.fd_cb = [](ubus_request*, int fd) { received = fd; };
     ubus_complete_request_async(ctx, &req);
-    daemon.send(status_msg(2, 0x10, 0), back[0]);
+    daemon.client.send(status_msg(2, 0x10, 0), back[0]);
     ubus_handle_event(ctx);
     ASSERT_GE(received, 0);
     close(back[0]);
@@ -238,16 +222,16 @@ TEST_F(UbusTest, DescriptorsGoWithTheFirstBytesAndAreClosedUnlessClaimed) {
         }
         return 0;
     };
-    daemon.send(invoke_demo(4, "status"), unclaimed[0]);
+    daemon.client.send(invoke_demo(4, "status"), unclaimed[0]);
     ubus_handle_event(ctx);
-    daemon.drain();
-    daemon.send(invoke_demo(5, "hello"), claimed[0]);
+    daemon.client.drain();
+    daemon.client.send(invoke_demo(5, "hello"), claimed[0]);
     ubus_handle_event(ctx);
     ASSERT_GE(taken, 0);
     ubus_request_set_fd(ctx, &later, taken);
     ubus_complete_deferred_request(ctx, &later, 0);
     int got = -1;
-    EXPECT_EQ(hex_of(daemon.receive_msg(&got)), hex_of(owner_status(5, 0x55, 0, 0x8debad38)));
+    EXPECT_EQ(daemon.next(&got), to_hex(owner_status(5, 0x55, 0, 0x8debad38)));
     ASSERT_GE(got, 0);
     close(got);
     for (int fd : {unclaimed[0], claimed[0]})

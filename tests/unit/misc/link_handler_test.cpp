@@ -40,29 +40,22 @@ static_assert(!is_callable<const_call, void>::value && !is_callable<overloaded_c
                   !is_callable<int, void>::value,
               "");
 
-TEST(wrap_handler, one_shot_runs_once_then_ends_the_registration) {
-    int calls = 0;
-    auto [call, token, lnk] =
-        wrap_handler(ec_handler([&](const std::error_code&) { ++calls; }), true);
-    EXPECT_TRUE(lnk.active());
-    call(std::error_code());
-    EXPECT_EQ(calls, 1);
-    EXPECT_FALSE(lnk.active());
-    EXPECT_TRUE(token.expired());
-    EXPECT_THROW(call(std::error_code()), std::bad_function_call);
-}
-
-TEST(wrap_handler, repeating_handler_runs_until_released) {
-    int calls = 0;
-    auto [call, token, lnk] =
-        wrap_handler(ec_handler([&](const std::error_code&) { ++calls; }), false);
-    call(std::error_code());
-    call(std::error_code());
-    EXPECT_TRUE(lnk.active());
-    lnk.release();
-    EXPECT_TRUE(token.expired());
-    EXPECT_THROW(call(std::error_code()), std::bad_function_call);
-    EXPECT_EQ(calls, 2);
+TEST(wrap_handler, a_one_shot_ends_with_its_call_a_repeating_one_with_its_release) {
+    for (const bool once : {true, false}) {
+        int calls = 0;
+        auto [call, token, lnk] =
+            wrap_handler(ec_handler([&](const std::error_code&) { ++calls; }), once);
+        EXPECT_TRUE(lnk.active());
+        call(std::error_code());
+        EXPECT_EQ(lnk.active(), !once);
+        if (!once) {
+            call(std::error_code());
+            lnk.release();
+        }
+        EXPECT_TRUE(token.expired());
+        EXPECT_THROW(call(std::error_code()), std::bad_function_call);
+        EXPECT_EQ(calls, once ? 1 : 2);
+    }
 }
 
 TEST(wrap_handler, dropping_every_copy_of_the_callable_ends_the_registration) {
@@ -105,20 +98,18 @@ TEST(tie_handler, forwards_only_while_every_object_lives) {
     other = std::make_shared<char>(0);
     tied(4);
     EXPECT_EQ(sum, 2);
-}
 
-TEST(tie_handler, keeps_the_signature_and_lets_empty_handlers_throw_while_alive) {
-    auto owner = std::make_shared<int>(0);
-    auto tied = tie_handler(mutable_call(), owner);
-    static_assert(std::is_same<callable_traits<decltype(tied)>::type, ec_handler>::value, "");
-
+    // The signature is kept, and an empty handler throws while it is alive.
+    static_assert(std::is_same<callable_traits<decltype(tie_handler(mutable_call(), owner))>::type,
+                               ec_handler>::value,
+                  "");
     auto empty = tie_handler(ec_handler(), owner);
     EXPECT_THROW(empty(std::error_code()), std::bad_function_call);
     owner.reset();
     EXPECT_NO_THROW(empty(std::error_code()));
 }
 
-TEST(link_handler, callable_is_inert_after_release_or_one_shot_call) {
+TEST(link_handler, the_callable_is_inert_after_release_or_its_one_call_and_dropping_it_releases) {
     int calls = 0;
     auto [repeating, lnk] =
         orvix::misc::link_handler(ec_handler([&](const std::error_code&) { ++calls; }), false);
@@ -133,13 +124,11 @@ TEST(link_handler, callable_is_inert_after_release_or_one_shot_call) {
     EXPECT_FALSE(once_lnk.active());
     EXPECT_NO_THROW(once(std::error_code()));
     EXPECT_EQ(calls, 2);
-}
 
-TEST(link_handler, dropping_the_callable_releases_the_link) {
-    auto result = orvix::misc::link_handler(ec_handler([](const std::error_code&) {}), false);
-    EXPECT_TRUE(result.second.active());
-    result.first = nullptr;
-    EXPECT_FALSE(result.second.active());
+    auto dropped = orvix::misc::link_handler(ec_handler([](const std::error_code&) {}), false);
+    EXPECT_TRUE(dropped.second.active());
+    dropped.first = nullptr;
+    EXPECT_FALSE(dropped.second.active());
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-#include "test_daemon.h"
+#include "orvix_testing/test_daemon.h"
 
 #include <errno.h>
 #include <signal.h>

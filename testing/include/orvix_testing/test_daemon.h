@@ -1,6 +1,6 @@
 /* A bus daemon on a private socket, owned by a test. */
-#ifndef ORVIX_TEST_DAEMON_H
-#define ORVIX_TEST_DAEMON_H
+#ifndef ORVIX_TESTING_TEST_DAEMON_H
+#define ORVIX_TESTING_TEST_DAEMON_H
 
 #include <stdbool.h>
 #include <sys/types.h>

@@ -1,10 +1,11 @@
-/* Failure reporting for the test peers: a failed check prints where and exits 1. */
-#ifndef ORVIX_PEERS_CHECK_H
-#define ORVIX_PEERS_CHECK_H
+/* For the C programs that play the other side of the bus in tests and benchmarks. */
+#ifndef ORVIX_TESTING_PEER_H
+#define ORVIX_TESTING_PEER_H
 
 #include <stdio.h>
 #include <stdlib.h>
 
+/* A failed check prints where and exits 1: the test sees the status and the text. */
 #define CHECK(cond)                                                                                \
     do {                                                                                           \
         if (!(cond)) {                                                                             \
@@ -22,5 +23,11 @@
             exit(1);                                                                               \
         }                                                                                          \
     } while (0)
+
+/* Tells the test, which waits for this line, that the peer is on the bus. */
+static inline void peer_ready(void) {
+    printf("ready\n");
+    fflush(stdout);
+}
 
 #endif
