@@ -36,12 +36,10 @@ struct client* client_find(uint32_t id) {
 
 /* Freed from a timeout, never in the middle of handling another client's message. */
 static void client_free(struct client* cl) {
-    uint32_t type_id;
-
     lookup_cancel(cl);
     /* Last created first, so listeners hear of removals in reverse order of creation. */
     while (!list_empty(&cl->objects))
-        object_destroy(list_last_entry(&cl->objects, struct object, owner_entry), &type_id);
+        object_destroy(list_last_entry(&cl->objects, struct object, owner_entry));
     id_free(&clients_by_id, &cl->id);
     client_queue_clear(cl);
     close(cl->sock.fd);

@@ -4,17 +4,22 @@
 #include <string.h>
 
 #include <libubox/blobmsg.h>
-#include <ubus_common.h>
 
 #include "ubusd.h"
 
+/* Kept in one list sorted by pattern (byte-wise, the '*' of a prefix stripped), equal ones
+ * in registration order: the order in which listeners get an event. */
 struct event_pattern {
-    struct list_head entry;
+    struct list_head entry;        /* in `patterns` */
+    struct list_head object_entry; /* in object->event_patterns */
+    struct object* obj;
+    bool prefix;
     char pattern[];
 };
 
-static LIST_HEAD(listening); /* objects with at least one pattern, by first registration */
-static uint16_t event_seq;
+static LIST_HEAD(patterns);
+static uint16_t event_seq;         /* counts every copy delivered */
+static uint32_t event_gen;         /* tells apart the events delivered, for one copy per object */
 static struct blob_buf event_data; /* the DATA attribute of the event being delivered */
 
 enum { REGISTER_OBJECT, REGISTER_PATTERN, __REGISTER_MAX };
@@ -31,41 +36,40 @@ static const struct blobmsg_policy send_policy[__SEND_MAX] = {
     [SEND_DATA] = {.name = "data", .type = BLOBMSG_TYPE_TABLE},
 };
 
-static bool object_listens_to(struct object* obj, const char* event) {
-    struct event_pattern* p;
-    int len;
-
-    list_for_each_entry(p, &obj->event_patterns, entry) {
-        if (ubus_strmatch_len(event, p->pattern, &len))
-            return true;
-    }
-    return false;
+static bool pattern_matches(const struct event_pattern* p, const char* event) {
+    if (p->prefix)
+        return !strncmp(event, p->pattern, strlen(p->pattern));
+    return !strcmp(event, p->pattern);
 }
 
-/* Delivers event_data to every listener except those of `sender`. */
+/* Delivers event_data to every listening object once, except to those of `sender`. */
 static void deliver(const char* event, const struct client* sender) {
-    struct object* obj;
+    struct event_pattern* p;
 
-    event_seq++;
-    list_for_each_entry(obj, &listening, listening_entry) {
-        if (obj->owner == sender || obj->owner->dead || !object_listens_to(obj, event))
+    event_gen++;
+    list_for_each_entry(p, &patterns, entry) {
+        struct object* obj = p->obj;
+
+        if (obj->event_gen == event_gen || obj->owner == sender || obj->owner->dead ||
+            !pattern_matches(p, event))
             continue;
+        obj->event_gen = event_gen;
         msg_start();
         blob_put_int32(&msg_buf, UBUS_ATTR_OBJID, obj->id.id);
         blob_put_string(&msg_buf, UBUS_ATTR_METHOD, event);
         blob_put_raw(&msg_buf, event_data.head, (unsigned int)blob_raw_len(event_data.head));
-        client_send(obj->owner, UBUS_MSG_INVOKE, event_seq, 0, msg_buf.head, -1);
+        client_send(obj->owner, UBUS_MSG_INVOKE, ++event_seq, 0, msg_buf.head, -1);
     }
 }
 
-static bool has_pattern(struct object* obj, const char* pattern) {
-    struct event_pattern* p;
+static void add_pattern(struct event_pattern* p) {
+    struct event_pattern* cur;
 
-    list_for_each_entry(p, &obj->event_patterns, entry) {
-        if (!strcmp(p->pattern, pattern))
-            return true;
+    list_for_each_entry(cur, &patterns, entry) {
+        if (strcmp(cur->pattern, p->pattern) > 0)
+            break;
     }
-    return false;
+    list_add_tail(&p->entry, &cur->entry);
 }
 
 int events_register(struct client* cl, struct blob_attr* data) {
@@ -73,6 +77,7 @@ int events_register(struct client* cl, struct blob_attr* data) {
     struct event_pattern* p;
     struct object* obj;
     const char* pattern;
+    size_t len;
     uint32_t id;
 
     if (!data || blobmsg_parse(register_policy, __REGISTER_MAX, tb, blob_data(data),
@@ -92,15 +97,15 @@ int events_register(struct client* cl, struct blob_attr* data) {
         return UBUS_STATUS_NOT_FOUND;
     if (obj->owner != cl)
         return UBUS_STATUS_PERMISSION_DENIED;
-    if (has_pattern(obj, pattern))
-        return UBUS_STATUS_OK;
-    p = malloc(sizeof(*p) + strlen(pattern) + 1);
+    len = strlen(pattern);
+    p = calloc(1, sizeof(*p) + len + 1);
     if (!p)
         return UBUS_STATUS_NO_MEMORY;
-    strcpy(p->pattern, pattern);
-    if (list_empty(&obj->event_patterns))
-        list_add_tail(&obj->listening_entry, &listening);
-    list_add_tail(&p->entry, &obj->event_patterns);
+    p->obj = obj;
+    p->prefix = pattern[len - 1] == '*';
+    memcpy(p->pattern, pattern, p->prefix ? len - 1 : len);
+    add_pattern(p);
+    list_add_tail(&p->object_entry, &obj->event_patterns);
     return UBUS_STATUS_OK;
 }
 
@@ -144,12 +149,9 @@ void events_object_added(struct object* obj) {
 void events_object_removed(struct object* obj) {
     struct event_pattern *p, *tmp;
 
-    if (!list_empty(&obj->event_patterns)) {
-        list_del(&obj->listening_entry);
-        list_for_each_entry_safe(p, tmp, &obj->event_patterns, entry) {
-            list_del(&p->entry);
-            free(p);
-        }
+    list_for_each_entry_safe(p, tmp, &obj->event_patterns, object_entry) {
+        list_del(&p->entry);
+        free(p);
     }
     object_notice(obj, "ubus.object.remove");
 }

@@ -97,13 +97,12 @@ static struct object_type* type_create(struct blob_attr* signature) {
     return type;
 }
 
-static bool type_release(struct object_type* type) {
+static void type_release(struct object_type* type) {
     if (--type->refs)
-        return false;
+        return;
     id_free(&types_by_id, &type->id);
     free(type->signature);
     free(type);
-    return true;
 }
 
 static struct object_type* type_for(struct blob_attr** tb) {
@@ -145,24 +144,22 @@ int object_create(struct client* owner, struct blob_attr** tb, struct object** o
         obj->type->refs++;
     obj->owner = owner;
     INIT_LIST_HEAD(&obj->event_patterns);
+    INIT_LIST_HEAD(&obj->subscribers);
+    INIT_LIST_HEAD(&obj->targets);
     list_add_tail(&obj->owner_entry, &owner->objects);
     *out = obj;
     return UBUS_STATUS_OK;
 }
 
-bool object_destroy(struct object* obj, uint32_t* type_id) {
-    bool last_of_type = false;
-
+void object_destroy(struct object* obj) {
+    subscriptions_object_removed(obj);
     events_object_removed(obj);
     list_del(&obj->owner_entry);
     if (obj->path)
         avl_delete(&objects_by_path, &obj->path_node);
     id_free(&objects_by_id, &obj->id);
-    if (obj->type) {
-        *type_id = obj->type->id.id;
-        last_of_type = type_release(obj->type);
-    }
+    if (obj->type)
+        type_release(obj->type);
     free(obj->path);
     free(obj);
-    return last_of_type;
 }

@@ -30,8 +30,7 @@ static void handle_add_object(struct client* cl, const struct inmsg* msg, struct
 static void handle_remove_object(struct client* cl, const struct inmsg* msg,
                                  struct blob_attr** tb) {
     struct object* obj;
-    uint32_t id, type_id = 0;
-    bool last_of_type;
+    uint32_t id;
 
     if (!tb[UBUS_ATTR_OBJID]) {
         msg_send_status(cl, msg, UBUS_STATUS_INVALID_ARGUMENT);
@@ -47,13 +46,15 @@ static void handle_remove_object(struct client* cl, const struct inmsg* msg,
         msg_send_status(cl, msg, UBUS_STATUS_PERMISSION_DENIED);
         return;
     }
-    last_of_type = object_destroy(obj, &type_id);
+    /* The remover hears of the removal first; subscribers and listeners are told before
+     * its STATUS. */
     msg_start();
     blob_put_int32(&msg_buf, UBUS_ATTR_OBJID, id);
     /* The owner forgets a type id once nothing uses it any more. */
-    if (last_of_type)
-        blob_put_int32(&msg_buf, UBUS_ATTR_OBJTYPE, type_id);
+    if (obj->type && obj->type->refs == 1)
+        blob_put_int32(&msg_buf, UBUS_ATTR_OBJTYPE, obj->type->id.id);
     msg_send(cl, UBUS_MSG_DATA, msg);
+    object_destroy(obj);
     msg_send_status(cl, msg, UBUS_STATUS_OK);
 }
 
@@ -122,35 +123,6 @@ static void forward_reply(struct client* cl, struct inmsg* msg, struct blob_attr
         msg->fd = -1;
 }
 
-/* Subscriptions are not offered. Other users get NOT_FOUND, the answer a bus without
- * ACL files gives them, so their programs see the refusal they already handle. */
-static void handle_subscription(struct client* cl, const struct inmsg* msg) {
-    msg_send_status(cl, msg, cl->privileged ? UBUS_STATUS_NOT_SUPPORTED : UBUS_STATUS_NOT_FOUND);
-}
-
-/* With no subscriptions, a notification reaches nobody: the owner gets an empty list. */
-static void handle_notify(struct client* cl, const struct inmsg* msg, struct blob_attr** tb) {
-    struct object* obj;
-    void* subscribers;
-
-    if (!tb[UBUS_ATTR_OBJID]) {
-        msg_send_status(cl, msg, UBUS_STATUS_INVALID_ARGUMENT);
-        return;
-    }
-    obj = object_find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
-    if (!obj || obj->owner != cl) {
-        msg_send_status(cl, msg, obj ? UBUS_STATUS_PERMISSION_DENIED : UBUS_STATUS_NOT_FOUND);
-        return;
-    }
-    msg_start();
-    blob_put_int32(&msg_buf, UBUS_ATTR_STATUS, UBUS_STATUS_OK);
-    if (!tb[UBUS_ATTR_NO_REPLY] || !blob_get_u8(tb[UBUS_ATTR_NO_REPLY])) {
-        subscribers = blob_nest_start(&msg_buf, UBUS_ATTR_SUBSCRIBERS);
-        blob_nest_end(&msg_buf, subscribers);
-    }
-    msg_send(cl, UBUS_MSG_STATUS, msg);
-}
-
 void proto_dispatch(struct client* cl, struct inmsg* msg) {
     struct blob_attr* tb[UBUS_ATTR_MAX];
 
@@ -172,11 +144,13 @@ void proto_dispatch(struct client* cl, struct inmsg* msg) {
         handle_remove_object(cl, msg, tb);
         break;
     case UBUS_MSG_SUBSCRIBE:
+        subscribe_handle(cl, msg, tb);
+        break;
     case UBUS_MSG_UNSUBSCRIBE:
-        handle_subscription(cl, msg);
+        unsubscribe_handle(cl, msg, tb);
         break;
     case UBUS_MSG_NOTIFY:
-        handle_notify(cl, msg, tb);
+        notify_handle(cl, msg, tb);
         break;
     case UBUS_MSG_DATA:
     case UBUS_MSG_STATUS:

@@ -109,8 +109,11 @@ struct object {
     struct object_type* type;  /* NULL: never listed, still invocable by id */
     struct client* owner;
     struct list_head owner_entry;
-    struct list_head event_patterns;  /* events it listens to */
-    struct list_head listening_entry; /* among the listening objects, while it has patterns */
+    struct list_head event_patterns; /* struct event_pattern registered for it */
+    uint32_t event_gen;              /* the last event delivered to it */
+    struct list_head subscribers;    /* struct subscription as target, newest first */
+    struct list_head targets;        /* struct subscription as subscriber, newest first */
+    uint32_t seq;                    /* of the NOTIFY and UNSUBSCRIBE the daemon sends about it */
 };
 
 void objects_init(void);
@@ -118,9 +121,8 @@ struct object* object_find(uint32_t id);
 struct object* object_find_path(const char* path);
 /* Creates an object as ADD_OBJECT asks; returns a status, *out set on success. */
 int object_create(struct client* owner, struct blob_attr** tb, struct object** out);
-/* Removes and frees the object; returns true when it was the last user of its type
- * (whose id is then stored in *type_id). */
-bool object_destroy(struct object* obj, uint32_t* type_id);
+/* Tells subscribers and listeners the object is gone, then frees it. */
+void object_destroy(struct object* obj);
 /* The first object whose path sorts at or after `path`, then the next one; NULL at the end. */
 struct object* object_first_from(const char* path);
 struct object* object_next(struct object* obj);
@@ -136,6 +138,13 @@ int events_register(struct client* cl, struct blob_attr* data);
 int events_send(struct client* cl, struct blob_attr* data);
 void events_object_added(struct object* obj);
 void events_object_removed(struct object* obj);
+
+/* subscribe.c */
+void subscribe_handle(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
+void unsubscribe_handle(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
+void notify_handle(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
+/* Ends every subscription the object is part of, telling the clients concerned. */
+void subscriptions_object_removed(struct object* obj);
 
 /* sysobj.c */
 void sysobj_invoke(struct client* cl, const struct inmsg* msg, uint32_t objid, const char* method,

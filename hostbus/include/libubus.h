@@ -306,6 +306,41 @@ static inline int ubus_request_get_caller_fd(struct ubus_request_data* req) {
 void ubus_complete_deferred_request(struct ubus_context* ctx, struct ubus_request_data* req,
                                     int ret);
 
+/* Adds a pattern to the handler, publishing its object first if it has none yet. A pattern
+ * ending in '*' matches every event starting with the rest. */
+int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev,
+                                const char* pattern);
+
+static inline int ubus_unregister_event_handler(struct ubus_context* ctx,
+                                                struct ubus_event_handler* ev) {
+    return ubus_remove_object(ctx, &ev->obj);
+}
+
+/* `data`'s payload becomes the event's members; pass a blob_buf's head. */
+int ubus_send_event(struct ubus_context* ctx, const char* id, struct blob_attr* data);
+
+/* With new_obj_cb set, also subscribes to every object, present or added later, it accepts. */
+int ubus_register_subscriber(struct ubus_context* ctx, struct ubus_subscriber* obj);
+
+static inline int ubus_unregister_subscriber(struct ubus_context* ctx,
+                                             struct ubus_subscriber* obj) {
+    if (!list_empty(&obj->list))
+        list_del_init(&obj->list);
+    return ubus_remove_object(ctx, &obj->obj);
+}
+
+int ubus_subscribe(struct ubus_context* ctx, struct ubus_subscriber* obj, uint32_t id);
+int ubus_unsubscribe(struct ubus_context* ctx, struct ubus_subscriber* obj, uint32_t id);
+
+/* timeout < 0: sent without asking for replies; 0: no limit. Subscribers' answers are
+ * waited for but not reported. */
+int ubus_notify(struct ubus_context* ctx, struct ubus_object* obj, const char* type,
+                struct blob_attr* msg, int timeout);
+
+/* Replies are delivered once ubus_complete_request_async is called on &req->req. */
+int ubus_notify_async(struct ubus_context* ctx, struct ubus_object* obj, const char* type,
+                      struct blob_attr* msg, struct ubus_notify_request* req);
+
 #ifdef __cplusplus
 }
 #endif

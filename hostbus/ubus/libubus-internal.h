@@ -42,6 +42,7 @@ __hidden void ubus_pending_timer_cb(struct uloop_timeout* timer);
 /* libubus-req.c */
 __hidden int ubus_start_request(struct ubus_context* ctx, struct ubus_request* req,
                                 struct blob_attr* msg, int type, uint32_t peer, int fd);
+__hidden void ubus_request_finish(struct ubus_request* req, int status);
 __hidden void ubus_process_req_msg(struct ubus_context* ctx, const struct ubus_msghdr* hdr,
                                    struct blob_attr* msg, int fd);
 
@@ -50,5 +51,11 @@ __hidden void ubus_process_invoke(struct ubus_context* ctx, const struct ubus_ms
                                   struct blob_attr* msg, int fd);
 __hidden int ubus_compare_object_ids(const void* k1, const void* k2, void* ptr);
 __hidden void ubus_readd_objects(struct ubus_context* ctx);
+
+/* libubus-sub.c */
+__hidden void ubus_process_unsubscribe(struct ubus_context* ctx, struct blob_attr* msg);
+__hidden void ubus_process_notify(struct ubus_context* ctx, struct blob_attr* msg);
+__hidden void ubus_notify_reply(struct ubus_request* req, uint32_t peer, struct blob_attr* msg);
+__hidden void ubus_resubscribe_auto(struct ubus_context* ctx);
 
 #endif

@@ -258,14 +258,23 @@ static void ubus_process_msg(struct ubus_context* ctx, const struct ubus_msghdr*
         ubus_process_req_msg(ctx, hdr, msg, fd);
         return;
     case UBUS_MSG_INVOKE:
-        /* Handlers never run inside a synchronous wait: calls arriving meanwhile wait, in
-         * order, until every wait has returned. */
+    case UBUS_MSG_UNSUBSCRIBE:
+    case UBUS_MSG_NOTIFY:
+        /* Handlers never run inside a synchronous wait: calls and notices arriving meanwhile
+         * wait, in order, until every wait has returned. */
         if (ctx->stack_depth) {
             ubus_queue_pending(ctx, hdr, msg);
             break;
         }
-        ubus_process_invoke(ctx, hdr, msg, fd);
-        return;
+        if (hdr->type == UBUS_MSG_INVOKE) {
+            ubus_process_invoke(ctx, hdr, msg, fd);
+            return;
+        }
+        if (hdr->type == UBUS_MSG_UNSUBSCRIBE)
+            ubus_process_unsubscribe(ctx, msg);
+        else
+            ubus_process_notify(ctx, msg);
+        break;
     default:
         break;
     }

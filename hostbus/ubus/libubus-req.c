@@ -25,7 +25,7 @@ int ubus_start_request(struct ubus_context* ctx, struct ubus_request* req, struc
 }
 
 /* The request is unlisted before its callback runs, so the callback may free or reuse it. */
-static void ubus_request_finish(struct ubus_request* req, int status) {
+void ubus_request_finish(struct ubus_request* req, int status) {
     ubus_complete_handler_t complete_cb = req->complete_cb;
 
     req->status_code = status;
@@ -60,6 +60,14 @@ static void ubus_request_data(struct ubus_request* req, struct blob_attr* msg) {
     req->blocked = false;
 }
 
+static void ubus_request_status(struct ubus_request* req, const struct ubus_msghdr* hdr,
+                                struct blob_attr* msg) {
+    if (req->notify)
+        ubus_notify_reply(req, be32_to_cpu(hdr->peer), msg);
+    else
+        ubus_request_finish(req, ubus_status_of(msg));
+}
+
 static void ubus_request_deliver_held(struct ubus_request* req) {
     while (ubus_request_listed(req) && !list_empty(&req->pending)) {
         struct ubus_queued_msg* held =
@@ -67,16 +75,27 @@ static void ubus_request_deliver_held(struct ubus_request* req) {
         struct blob_attr* msg = (struct blob_attr*)held->blob;
 
         list_del(&held->list);
-        if (held->hdr.type == UBUS_MSG_STATUS) {
-            int status = ubus_status_of(msg);
-
-            free(held);
-            ubus_request_finish(req, status);
-            return;
-        }
-        ubus_request_data(req, msg);
+        if (held->hdr.type == UBUS_MSG_STATUS)
+            ubus_request_status(req, &held->hdr, msg);
+        else
+            ubus_request_data(req, msg);
         free(held);
     }
+}
+
+/* A notification is answered by the daemon (under the object's id) and by each subscriber
+ * it listed (under the subscriber's object id), each of them once. */
+static bool ubus_request_answered_by(const struct ubus_request* req, uint32_t peer) {
+    const struct ubus_notify_request* nreq;
+
+    if (!req->notify)
+        return req->peer == peer;
+    nreq = container_of(req, const struct ubus_notify_request, req);
+    for (int i = 0; i <= UBUS_MAX_NOTIFY_PEERS; i++) {
+        if ((nreq->pending & (1u << i)) && nreq->id[i] == peer)
+            return true;
+    }
+    return false;
 }
 
 static struct ubus_request* ubus_find_request(struct ubus_context* ctx, uint16_t seq,
@@ -84,7 +103,7 @@ static struct ubus_request* ubus_find_request(struct ubus_context* ctx, uint16_t
     struct ubus_request* req;
 
     list_for_each_entry(req, &ctx->requests, list) {
-        if (req->seq == seq && req->peer == peer)
+        if (req->seq == seq && ubus_request_answered_by(req, peer))
             return req;
     }
     return NULL;
@@ -118,7 +137,7 @@ void ubus_process_req_msg(struct ubus_context* ctx, const struct ubus_msghdr* hd
         return;
     }
     if (hdr->type == UBUS_MSG_STATUS) {
-        ubus_request_finish(req, ubus_status_of(msg));
+        ubus_request_status(req, hdr, msg);
         return;
     }
     ubus_request_data(req, msg);

@@ -117,6 +117,7 @@ int ubus_connect_ctx(struct ubus_context* ctx, const char* path) {
     ctx->connection_lost = ubus_default_connection_lost;
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->pending);
+    INIT_LIST_HEAD(&ctx->auto_subscribers);
     avl_init(&ctx->objects, ubus_compare_object_ids, false, NULL);
 
     ctx->msgbuf.data = malloc(UBUS_MSG_CHUNK_SIZE);
@@ -159,6 +160,7 @@ int ubus_reconnect(struct ubus_context* ctx, const char* path) {
     if (ret)
         return ret;
     ubus_readd_objects(ctx);
+    ubus_resubscribe_auto(ctx);
     return 0;
 }
 
