@@ -156,6 +156,53 @@ public:
 
     /// The socket chosen with set_socket_path; empty for the default.
     virtual std::string get_socket_path() const = 0;
+
+    /// Receives events: their type and data.
+    using event_handler = std::function<void(const std::string& type,
+                                             const std::multimap<std::string, blob::attr>& data)>;
+
+    /// Sends the event `type` with `data` to every listener of the bus whose pattern
+    /// matches, except this client's own. `handler` gets the daemon's answer: success
+    /// (also when nobody listens), "Permission denied" for a type beginning with "ubus."
+    /// (the daemon's own events), "Connection failed" while not connected.
+    virtual utils::link send_event(const std::string& type,
+                                   const std::multimap<std::string, blob::attr>& data,
+                                   const std::function<void(const std::error_code&)>& handler) = 0;
+
+    /// Calls `handler` with every event whose type matches `pattern`, until the link is
+    /// released. A pattern ending in '*' matches every type that begins with the rest
+    /// ("*" matches all), any other pattern that type exactly. The daemon's own events
+    /// ("ubus.object.add", "ubus.object.remove") reach listeners too, this client's own
+    /// events do not. Like a published object, a listener is registered again after every
+    /// new connection and stays through cancel(); events sent while it is not registered
+    /// are missed. Throws std::invalid_argument for an empty pattern.
+    virtual utils::link listen(const std::string& pattern, const event_handler& handler) = 0;
+
+    /// An object on the bus.
+    struct object_info {
+        std::string path;
+        std::uint32_t id = 0;
+        /// Method name to its arguments, in the form add_object takes them; an argument
+        /// of a blobmsg type without a value kind of its own is given as the kind it is
+        /// read into (a cast to 64 bits as unsigned long long, an 8-bit one as bool).
+        std::map<std::string, method_policy> methods;
+    };
+    using lookup_handler =
+        std::function<void(const std::list<object_info>& objects, const std::error_code& ec)>;
+
+    /// Lists the objects whose path matches `pattern` (a trailing '*' matches every path
+    /// that begins with the rest, "*" all), in ascending byte order of their paths.
+    /// `handler` gets them and the daemon's status: "Not found" when none matches,
+    /// "Invalid argument" for an empty pattern, "Connection failed" while not connected.
+    virtual utils::link lookup(const std::string& pattern, const lookup_handler& handler) = 0;
+
+    /// Waits until an object is published under each of `paths`. `handler` gets success
+    /// once they all are (at once if they are already), "Request timed out" if `timeout`
+    /// (not zero) passes first, and "Connection failed" if the client is not connected
+    /// or the connection ends first.
+    virtual utils::link wait_for(const std::list<std::string>& paths,
+                                 const std::function<void(const std::error_code&)>& handler,
+                                 const std::chrono::seconds& timeout) = 0;
 };
 
 } // namespace orvix

@@ -36,11 +36,15 @@ public:
     class object_ctx;
     class ubus_object_ctx;
     class exchange_ctx;
+    class listener_ctx;
+    class ubus_listener_ctx;
+    struct wait_ctx;
 
     using error_handler = std::function<void(const std::error_code&)>;
     using error_handler_list = std::list<std::shared_ptr<error_handler>>;
     using invoke_handler =
         std::function<void(const std::list<blob::attr>&, const std::error_code&)>;
+    using client::event_handler;
     using client::method_handler;
     using client::method_policy;
     using client::method_table;
@@ -70,6 +74,13 @@ public:
     void cancel() override;
     void set_socket_path(const std::string& path) override;
     std::string get_socket_path() const override;
+    utils::link send_event(const std::string& type,
+                           const std::multimap<std::string, blob::attr>& data,
+                           const error_handler& handler) override;
+    utils::link listen(const std::string& pattern, const event_handler& handler) override;
+    utils::link lookup(const std::string& pattern, const lookup_handler& handler) override;
+    utils::link wait_for(const std::list<std::string>& paths, const error_handler& handler,
+                         const std::chrono::seconds& timeout) override;
 
     void disable_auto_connect();
 
@@ -98,11 +109,14 @@ private:
     using request_map = std::map<ubus_request*, std::shared_ptr<ubus_request>>;
     using registration_map = std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>;
     using object_map = std::map<ubus_object*, std::shared_ptr<object_ctx>>;
+    using listener_registration_map =
+        std::map<ubus_event_handler*, std::shared_ptr<ubus_listener_ctx>>;
 
     /// What went with a freed bus context: its requests and registered objects.
     struct freed_context {
         request_map requests;
         registration_map objects;
+        listener_registration_map listeners;
     };
 
     /// Calls `handler` with `args` from the task queue; the link cancels the call.
@@ -198,6 +212,24 @@ private:
     void complete_request_sync(const std::weak_ptr<void>& connection,
                                const std::shared_ptr<ubus_request_data>& request, int status);
 
+    // Events.
+    void send_event_sync(const std::string& type,
+                         const std::multimap<std::string, blob::attr>& data,
+                         const error_handler_list::iterator& pos,
+                         const std::weak_ptr<error_handler>& handler);
+    void stop_listening(listener_ctx* key);
+    void listen_sync(const std::shared_ptr<ubus_listener_ctx>& registration);
+    void register_listeners();
+    static void event_callable(ubus_context* ctx, ubus_event_handler* ev, const char* type,
+                               blob_attr* msg);
+
+    // Discovery.
+    static void lookup_callable(ubus_context* ctx, ubus_object_data* obj, void* priv);
+    /// Ends a wait_for and calls its handler once with `ec`; nothing if it has ended.
+    void finish_wait(wait_ctx* key, const std::error_code& ec);
+    /// Ends a wait_for without calling its handler.
+    void end_wait(wait_ctx* key);
+
     void run_loop();
 
     std::string prefix;
@@ -213,6 +245,9 @@ private:
     error_handler_list add_handlers;
     error_handler_list del_handlers;
     error_handler_list send_handlers;
+    error_handler_list event_handlers;
+    error_handler_list lookup_handlers;
+    std::map<wait_ctx*, std::shared_ptr<wait_ctx>> waits;
     std::thread loop_thread;
     std::mutex gate_mutex;
     bool drain_hold;
@@ -222,6 +257,8 @@ private:
     ubus_context* bus_context;
     object_map published_objects;
     registration_map registered_objects;
+    std::map<listener_ctx*, std::shared_ptr<listener_ctx>> listeners;
+    listener_registration_map registered_listeners;
     std::shared_ptr<void> token;
     // Socket of later connection attempts; empty for libubus's default.
     std::string socket_path;

@@ -197,6 +197,9 @@ void client_impl::cancel() {
 }
 
 void client_impl::abandon_pending(const std::error_code& ec) {
+    while (!waits.empty()) {
+        finish_wait(waits.begin()->first, ec);
+    }
     for (auto it = published_objects.begin(); it != published_objects.end();) {
         if (it->second->adding) {
             it = published_objects.erase(it);
@@ -208,7 +211,8 @@ void client_impl::abandon_pending(const std::error_code& ec) {
     while (!pending_invokes.empty()) {
         finish_invoke(pending_invokes.begin()->first, ec);
     }
-    for (auto* pending : {&add_handlers, &del_handlers, &send_handlers}) {
+    for (auto* pending :
+         {&add_handlers, &del_handlers, &send_handlers, &event_handlers, &lookup_handlers}) {
         while (!pending->empty()) {
             error_handler handler = std::move(*pending->front());
             pending->pop_front();
@@ -252,6 +256,7 @@ void client_impl::on_connect_done(bool connected) {
     if (connected) {
         connection = std::make_shared<char>(0);
         register_published_objects();
+        register_listeners();
     }
     on_req_done(connect_handlers, connected ? state::connected : state::disconnected, ec);
 }
@@ -346,6 +351,7 @@ client_impl::freed_context client_impl::free_context_sync() {
     freed_context freed;
     freed.requests.swap(active_requests);
     freed.objects.swap(registered_objects);
+    freed.listeners.swap(registered_listeners);
     return freed;
 }
 

@@ -61,7 +61,8 @@ protected:
     }
     void connect() {
         bus().connect(note("connect"));
-        ASSERT_TRUE(loop->run_until([] { return bus().is_active(); }));
+        ASSERT_TRUE(loop->run_until([] { return bus().is_active(); }))
+            << int(bus().get_state()) << " " << (log.empty() ? "" : log.back());
         log.clear();
     }
     std::vector<ubus_request*> requests() {
@@ -192,6 +193,30 @@ TEST_F(client_state, cancel_ends_everything_in_order_and_later_results_change_no
     std::vector<std::string> added;
     fake_ubus::on_loop([&added](fake_ubus::bus& b) { added = b.added; });
     EXPECT_LE(std::count(added.begin(), added.end(), "fake.adding"), 1);
+}
+
+TEST_F(client_state, a_listener_is_registered_on_every_connection_until_released) {
+    auto lnk = bus().listen("fake.*", [](const std::string&, const orvix::blob::table&) {});
+    const auto patterns = [] {
+        std::vector<std::string> result;
+        fake_ubus::on_loop([&result](fake_ubus::bus& b) { result = b.listening; });
+        return result;
+    };
+    connect();
+    EXPECT_EQ(patterns(), (std::vector<std::string>{"fake.*"}));
+    // Neither a lost connection nor cancel() ends it; releasing its link does.
+    fake_ubus::lose_connection();
+    ASSERT_TRUE(loop->run_until([] { return bus().get_state() == state::disconnected; }));
+    connect();
+    bus().cancel();
+    connect();
+    loop->settle();
+    EXPECT_EQ(patterns(), (std::vector<std::string>{"fake.*", "fake.*", "fake.*"}));
+    lnk.release();
+    bus().cancel();
+    connect();
+    loop->settle();
+    EXPECT_EQ(patterns().size(), 3u);
 }
 
 } // namespace

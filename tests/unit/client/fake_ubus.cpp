@@ -118,12 +118,12 @@ void ubus_abort_request(ubus_context*, ubus_request* req) {
 }
 
 int ubus_add_object(ubus_context*, ubus_object* obj) {
-    state().added.push_back(obj->name);
+    state().added.push_back(obj->name ? obj->name : "");
     return state().add_status;
 }
 
 int ubus_remove_object(ubus_context*, ubus_object* obj) {
-    state().removed.push_back(obj->name);
+    state().removed.push_back(obj->name ? obj->name : "");
     return UBUS_STATUS_OK;
 }
 
@@ -132,3 +132,17 @@ int ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr*) {
 }
 
 void ubus_complete_deferred_request(ubus_context*, ubus_request_data*, int) {}
+
+int ubus_register_event_handler(ubus_context*, ubus_event_handler* ev, const char* pattern) {
+    state().listening.push_back(pattern);
+    ev->obj.id = 1025;
+    return UBUS_STATUS_OK;
+}
+
+int ubus_send_event(ubus_context*, const char*, blob_attr*) {
+    return UBUS_STATUS_OK;
+}
+
+int ubus_lookup(ubus_context*, const char*, ubus_lookup_handler_t, void*) {
+    return UBUS_STATUS_NOT_FOUND;
+}

@@ -24,6 +24,8 @@ struct bus {
     /// Names given to ubus_add_object and ubus_remove_object, in order.
     std::vector<std::string> added;
     std::vector<std::string> removed;
+    /// Patterns given to ubus_register_event_handler, in order.
+    std::vector<std::string> listening;
     ubus_context* context = nullptr;
     int peer = -1;
 };

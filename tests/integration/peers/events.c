@@ -1,0 +1,70 @@
+/* Sends or listens for events over the bus, for the client's tests.
+ * Usage: events SOCKET send TYPE COUNT      sends COUNT events TYPE with {"n": i}, i from 0,
+ *                                           then prints "status N" of the last send or the
+ *                                           first failure;
+ *        events SOCKET listen PATTERN COUNT listens, prints "ready", then "event TYPE N" for
+ *                                           each event until COUNT have come. */
+#include <libubus.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static int remaining;
+
+static void on_event(struct ubus_context* ctx, struct ubus_event_handler* ev, const char* type,
+                     struct blob_attr* msg) {
+    struct blob_attr* cur;
+    size_t rem;
+
+    (void)ctx, (void)ev;
+    printf("event %s", type);
+    blob_for_each_attr(cur, msg, rem) {
+        if (blobmsg_type(cur) == BLOBMSG_TYPE_INT32)
+            printf(" %u", blobmsg_get_u32(cur));
+    }
+    printf("\n");
+    fflush(stdout);
+    if (--remaining == 0)
+        uloop_end();
+}
+
+int main(int argc, char** argv) {
+    struct ubus_event_handler listener = {0};
+    struct ubus_context* ctx;
+    struct blob_buf b = {0};
+    int status = UBUS_STATUS_OK;
+    int count, i;
+
+    if (argc != 5)
+        return 2;
+    count = atoi(argv[4]);
+    ctx = ubus_connect(argv[1]);
+    if (!ctx)
+        return 1;
+    if (!strcmp(argv[2], "send")) {
+        for (i = 0; i < count && status == UBUS_STATUS_OK; i++) {
+            blob_buf_init(&b, 0);
+            blobmsg_add_u32(&b, "n", (uint32_t)i);
+            status = ubus_send_event(ctx, argv[3], b.head);
+        }
+        printf("status %d\n", status);
+    } else if (!strcmp(argv[2], "listen")) {
+        remaining = count;
+        listener.cb = on_event;
+        status = ubus_register_event_handler(ctx, &listener, argv[3]);
+        if (status != UBUS_STATUS_OK) {
+            printf("status %d\n", status);
+        } else {
+            printf("ready\n");
+            fflush(stdout);
+            ubus_add_uloop(ctx);
+            uloop_run();
+        }
+    } else {
+        return 2;
+    }
+    blob_buf_free(&b);
+    ubus_free(ctx);
+    return 0;
+}
