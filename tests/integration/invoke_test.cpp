@@ -14,7 +14,7 @@ namespace {
 
 using namespace orvix_test;
 using orvix::blob::attr;
-using table = std::multimap<std::string, attr>;
+using orvix::blob::table;
 
 class invoke_test : public connected_test {
 protected:

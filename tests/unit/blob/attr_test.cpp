@@ -1,5 +1,7 @@
 #include <orvix/blob/attr.h>
 
+#include <orvix_testing/thrown.h>
+
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -26,12 +28,7 @@ std::string cast_error(const std::type_info& from, const std::type_info& to) {
 
 template <typename T>
 std::string get_error(const attr& a) {
-    try {
-        a.get<T>();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
+    return orvix_testing::what_thrown<std::runtime_error>([&] { a.get<T>(); });
 }
 
 static_assert(std::is_constructible<attr, const char (&)[3]>::value, "");

@@ -1,5 +1,7 @@
 // GoogleTest first: libubox's headers define a macro named __constructor, which
 // breaks <cxxabi.h> when that comes later.
+#include <orvix_testing/thrown.h>
+
 #include <gtest/gtest.h>
 
 #include <orvix_testing/blob.h>
@@ -37,22 +39,16 @@ const std::string string_b_x = "83 00 00 0a 00 01 62 00 78 00 00 00";
 const std::string bool_flag = "87 00 00 0d 00 04 66 6c 61 67 00 00 01 00 00 00";
 const std::string unnamed_7 = "05 00 00 08 00 00 00 07";
 
-template <typename Exception, typename Function>
-std::string failure_of(Function&& decode) {
-    try {
-        decode();
-    } catch (const Exception& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-
 // Decoding, and refusing, with and without a policy: the three ways a message is read.
 void expect_refused(message& msg, const std::string& table_text, const std::string& array_text,
                     const std::string& body) {
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(msg.head()); }), table_text) << body;
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_array(msg.head()); }), array_text) << body;
-    EXPECT_EQ(failure_of<std::runtime_error>([&] {
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_table(msg.head()); }),
+              table_text)
+        << body;
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_array(msg.head()); }),
+              array_text)
+        << body;
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] {
                   to_table(msg.head(), policy{{"a", typeid(unsigned int)}});
               }),
               parse_failed)
@@ -180,19 +176,21 @@ TEST(blob_utils, a_malformed_member_deep_inside_names_the_innermost_container) {
     // "t" holds "l", an array holding a table with an INT32 of 2 bytes.
     message in_table("82 00 00 24 00 01 74 00 81 00 00 1c 00 01 6c 00 "
                      "82 00 00 14 00 00 00 00 85 00 00 0a 00 01 62 00 00 01 00 00");
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(in_table.head()); }), table_bad_attr);
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_table(in_table.head()); }),
+              table_bad_attr);
     // "t" holds "l", an array holding an INT32 of 2 bytes.
     message in_array("82 00 00 1c 00 01 74 00 81 00 00 14 00 01 6c 00 "
                      "85 00 00 0a 00 00 00 00 00 01 00 00");
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(in_array.head()); }), array_bad_attr);
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_table(in_array.head()); }),
+              array_bad_attr);
 }
 
 TEST(blob_utils, unknown_types_are_refused_with_their_own_texts) {
     message nine("89 00 00 08 00 01 61 00");
-    EXPECT_EQ(failure_of<std::logic_error>([&] { to_attr(nine.first(), false); }),
+    EXPECT_EQ(orvix_testing::what_thrown<std::logic_error>([&] { to_attr(nine.first(), false); }),
               "orvix::blob::utils::to_attr: Unknown type9");
     message twelve("8c 00 00 08 00 01 61 00");
-    EXPECT_EQ(failure_of<std::logic_error>([&] { to_attr(twelve.first(), true); }),
+    EXPECT_EQ(orvix_testing::what_thrown<std::logic_error>([&] { to_attr(twelve.first(), true); }),
               "orvix::blob::utils::to_attr: Unknown type12");
 
     message msg(int32_a_1);
@@ -200,7 +198,7 @@ TEST(blob_utils, unknown_types_are_refused_with_their_own_texts) {
          {std::type_index(typeid(int)), std::type_index(typeid(signed char)),
           std::type_index(typeid(long)), std::type_index(typeid(float)),
           std::type_index(typeid(const char*)), std::type_index(typeid(attr))}) {
-        EXPECT_EQ(failure_of<std::logic_error>([&] {
+        EXPECT_EQ(orvix_testing::what_thrown<std::logic_error>([&] {
                       to_table(msg.head(), policy{{"a", type}});
                   }),
                   "orvix::blob::utils::to_blobmsg_type: Unknown type")
@@ -243,8 +241,9 @@ TEST(blob_utils, libubox_cannot_parse_an_empty_or_missing_message) {
     message empty("");
     for (blob_attr* head : {empty.head(), static_cast<blob_attr*>(nullptr)}) {
         for (const policy& wanted : {policy{{"a", typeid(unsigned int)}}, policy()}) {
-            EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(head, wanted); }),
-                      parse_failed);
+            EXPECT_EQ(
+                orvix_testing::what_thrown<std::runtime_error>([&] { to_table(head, wanted); }),
+                parse_failed);
         }
     }
 }
@@ -269,10 +268,12 @@ blob_buf nested_tables(int depth, bool array_at_bottom) {
 TEST(blob_utils, nesting_is_bounded_so_a_hostile_message_cannot_exhaust_the_stack) {
     // 1 MiB of nested containers would nest about 130000 deep.
     auto deep = nested_tables(100000, false);
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(deep.head); }), table_bad_attr);
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_table(deep.head); }),
+              table_bad_attr);
     blob_buf_free(&deep);
     auto deep_array = nested_tables(1023, true);
-    EXPECT_EQ(failure_of<std::runtime_error>([&] { to_table(deep_array.head); }), array_bad_attr);
+    EXPECT_EQ(orvix_testing::what_thrown<std::runtime_error>([&] { to_table(deep_array.head); }),
+              array_bad_attr);
     blob_buf_free(&deep_array);
 
     // The refusal leaves nothing behind: a message just within the bound still decodes.

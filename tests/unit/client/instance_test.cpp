@@ -2,6 +2,8 @@
 #include <orvix/loops/simple_event_loop.h>
 #include <orvix/uloop.h>
 
+#include <orvix_testing/thrown.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -31,15 +33,6 @@ public:
     std::atomic<int> posts{0};
 };
 
-std::string message_of(const std::function<void()>& fn) {
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "nothing thrown";
-}
-
 class client_environment : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -47,8 +40,10 @@ public:
         auto gone = std::make_shared<counting_loop>();
         std::weak_ptr<orvix::utils::event_loop> expired = gone;
         gone.reset();
-        first_with_expired = message_of([&] { orvix::client::get_instance(expired); });
-        first_with_empty = message_of([] { orvix::client::get_instance({}); });
+        first_with_expired = orvix_testing::what_thrown<std::runtime_error>(
+            [&] { orvix::client::get_instance(expired); });
+        first_with_empty =
+            orvix_testing::what_thrown<std::runtime_error>([] { orvix::client::get_instance({}); });
         loop = std::make_shared<counting_loop>();
         instance = &orvix::client::get_instance(loop);
     }
@@ -117,8 +112,9 @@ TEST(client_instance, later_calls_reach_the_same_instance) {
 
 TEST(client_instance, another_live_event_loop_is_refused) {
     auto other = std::make_shared<counting_loop>();
-    EXPECT_EQ(message_of([&] { orvix::client::get_instance(other); }),
-              "orvix_impl::client: Instance of event loop can't be changed");
+    EXPECT_EQ(
+        orvix_testing::what_thrown<std::runtime_error>([&] { orvix::client::get_instance(other); }),
+        "orvix_impl::client: Instance of event loop can't be changed");
 }
 
 TEST(task_queue, tasks_queued_before_the_drain_share_one_drain_and_keep_their_order) {

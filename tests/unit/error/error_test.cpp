@@ -1,5 +1,7 @@
 #include <orvix/error.h>
 
+#include <orvix_testing/ubus_status.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -14,20 +16,6 @@ using orvix::error::msg;
 using orvix::error::msg_category;
 
 TEST(error_category, msg_values_and_texts_follow_ubus_status) {
-    const std::vector<std::string> texts{"Success",
-                                         "Invalid command",
-                                         "Invalid argument",
-                                         "Method not found",
-                                         "Not found",
-                                         "No response",
-                                         "Permission denied",
-                                         "Request timed out",
-                                         "Operation not supported",
-                                         "Unknown error",
-                                         "Connection failed",
-                                         "Out of memory",
-                                         "Parsing message data failed",
-                                         "System error"};
     const std::vector<msg> values{
         msg::success,       msg::invalid_command, msg::invalid_argument,  msg::method_not_found,
         msg::not_found,     msg::no_data,         msg::permission_denied, msg::timeout,
@@ -37,7 +25,7 @@ TEST(error_category, msg_values_and_texts_follow_ubus_status) {
         const std::error_code ec = values[i];
         EXPECT_EQ(ec.value(), i);
         EXPECT_EQ(&ec.category(), &msg_category::get_inst());
-        EXPECT_EQ(ec.message(), texts[i]);
+        EXPECT_EQ(ec.message(), orvix_testing::ubus_status_texts[i]);
     }
     EXPECT_STREQ(make_error_code(msg::timeout).category().name(), "orvix::error::msg");
 }
