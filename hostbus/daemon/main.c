@@ -20,8 +20,8 @@ static void usage(const char* prog) {
             prog);
 }
 
-/* Only the default location is ours to create; a socket given with -s lives in a
- * directory its caller provides. */
+/* The default location's directory is made whatever -s says; a socket given with -s
+ * lives in a directory its caller provides. */
 static void create_default_dir(void) {
     char dir[] = UBUS_UNIX_SOCKET;
     char* slash = strrchr(dir, '/');
@@ -77,17 +77,12 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     /* There are no ACL files to reload. */
     signal(SIGHUP, SIG_IGN);
-    /* The loop takes over SIGINT/SIGTERM only from the default disposition; a daemon
-     * started with them ignored must still stop cleanly. */
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
 
     if (id_init() < 0 || uloop_init() < 0 || blob_buf_init(&msg_buf, 0) < 0) {
         fprintf(stderr, "orvix-ubusd: initialisation failed: %s\n", strerror(errno));
         return 1;
     }
-    if (!strcmp(path, UBUS_UNIX_SOCKET))
-        create_default_dir();
+    create_default_dir();
     fd = listen_socket(path);
     if (fd < 0) {
         fprintf(stderr, "usock: %s\n", strerror(errno));
