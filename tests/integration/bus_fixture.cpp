@@ -95,6 +95,13 @@ std::vector<std::string> caller(const std::string& object, const std::string& me
     return {ORVIX_TEST_CALLER, bus_environment::daemon.socket, object, method, message, timeout_ms};
 }
 
+void wait_published(const std::list<std::string>& paths) {
+    const auto published = std::make_shared<completion>();
+    bus().wait_for(paths, recorder(published), std::chrono::seconds(20));
+    ASSERT_TRUE(wait_called(published->where));
+    EXPECT_FALSE(published->ec) << published->ec.message();
+}
+
 std::vector<std::string> finish(peer& p) {
     EXPECT_FALSE(p.read_until(
         "", 20000, [] { bus_environment::loop->run_for(std::chrono::milliseconds(5)); }));

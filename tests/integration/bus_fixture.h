@@ -96,6 +96,10 @@ std::shared_ptr<completion> add_object(const std::string& name,
 /// Runs the event loop until `p`'s handler has run.
 bool wait_called(const probe& p);
 
+/// Runs the event loop until an object is on the bus under each of `paths`: what the
+/// client registers on its own after a connection may still be on its way.
+void wait_published(const std::list<std::string>& paths);
+
 /// A test that starts and ends with a fresh connection.
 class connected_test : public ::testing::Test {
 protected:

@@ -140,6 +140,7 @@ TEST_F(publish_test, releasing_the_add_link_keeps_the_registration) {
     EXPECT_TRUE(lnk.active());
     lnk.release();
     EXPECT_FALSE(lnk.active());
+    wait_published({"orvix.test.quiet"});
     EXPECT_EQ(call_over_bus("orvix.test.quiet", "greet", "text"),
               (lines{"reply", "field text hello!", "status 0"}));
     EXPECT_EQ(result->where.calls, 0);
@@ -175,6 +176,7 @@ TEST_F(publish_test, a_removal_cut_short_by_the_connection_keeps_the_object_if_a
     EXPECT_EQ(dropped->ec, orvix::error::msg::connection_failed);
 
     connect_client();
+    wait_published({"orvix.test.kept"});
     EXPECT_EQ(call_over_bus("orvix.test.kept", "greet", "text"),
               (lines{"reply", "field text hello!", "status 0"}));
     EXPECT_EQ(call_over_bus("orvix.test.dropped", "greet", "none"), (lines{"status 4"}));
@@ -196,6 +198,7 @@ TEST_F(publish_test, cancel_undoes_the_adds_and_removals_in_flight) {
     // Aborted means not done: the aborted add is neither served nor registered again,
     // and its name is free; the object whose removal was aborted is served again.
     connect_client();
+    wait_published({"orvix.test.staying"});
     EXPECT_EQ(call_over_bus("orvix.test.aborted", "greet", "none"), (lines{"status 4"}));
     EXPECT_EQ(call_over_bus("orvix.test.staying", "greet", "text"),
               (lines{"reply", "field text hello!", "status 0"}));
