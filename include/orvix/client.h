@@ -203,6 +203,37 @@ public:
     virtual utils::link wait_for(const std::list<std::string>& paths,
                                  const std::function<void(const std::error_code&)>& handler,
                                  const std::chrono::seconds& timeout) = 0;
+
+    /// Receives one notification: its type, and a context whose args are its data and
+    /// through which it may be answered (send, respond) as a served call is; dropping the
+    /// context answers success.
+    using notification_handler = std::function<void(
+        const std::string& type, const std::shared_ptr<exchange_ctx>& notification)>;
+
+    /// Calls `handler` with every notification of the object published under `path`,
+    /// until the link is released: from when the object is there, and again each time it
+    /// is published anew, also after this client's own reconnections. Objects of this
+    /// client cannot be subscribed to.
+    virtual utils::link subscribe(const std::string& path, const notification_handler& handler) = 0;
+
+    /// Sends the notification `type` with `data` to the subscribers of this client's
+    /// published object `name`. With a negative `timeout` it is sent without asking for
+    /// answers, and `handler` gets success once it is out; with zero `handler` gets
+    /// success once every subscriber has answered, however long that takes; with a
+    /// positive one "Request timed out" if they have not all answered by then. "Not
+    /// found" when `name` is not on the bus, "Connection failed" while not connected.
+    /// The subscribers' answers themselves are not reported, as with libubus's
+    /// ubus_notify; libubus waits for the first 16 subscribers only.
+    virtual utils::link notify(const std::string& name, const std::string& type,
+                               const std::multimap<std::string, blob::attr>& data,
+                               const std::function<void(const std::error_code&)>& handler,
+                               const std::chrono::milliseconds& timeout) = 0;
+
+    /// Calls `handler` with true when the published object `name` gets its first
+    /// subscriber and with false when it has none any more, until the link is released.
+    /// It may be registered before the object is published and outlives its removal.
+    virtual utils::link notify_on_subscribers(const std::string& name,
+                                              const std::function<void(bool)>& handler) = 0;
 };
 
 } // namespace orvix

@@ -39,6 +39,8 @@ public:
     class listener_ctx;
     class ubus_listener_ctx;
     struct wait_ctx;
+    class subscription_ctx;
+    class ubus_subscription_ctx;
 
     using error_handler = std::function<void(const std::error_code&)>;
     using error_handler_list = std::list<std::shared_ptr<error_handler>>;
@@ -48,6 +50,7 @@ public:
     using client::method_handler;
     using client::method_policy;
     using client::method_table;
+    using client::notification_handler;
 
     static client_impl& get_instance(const std::weak_ptr<utils::event_loop>& eloop);
 
@@ -81,6 +84,13 @@ public:
     utils::link lookup(const std::string& pattern, const lookup_handler& handler) override;
     utils::link wait_for(const std::list<std::string>& paths, const error_handler& handler,
                          const std::chrono::seconds& timeout) override;
+    utils::link subscribe(const std::string& path, const notification_handler& handler) override;
+    utils::link notify(const std::string& name, const std::string& type,
+                       const std::multimap<std::string, blob::attr>& data,
+                       const error_handler& handler,
+                       const std::chrono::milliseconds& timeout) override;
+    utils::link notify_on_subscribers(const std::string& name,
+                                      const std::function<void(bool)>& handler) override;
 
     void disable_auto_connect();
 
@@ -111,12 +121,22 @@ private:
     using object_map = std::map<ubus_object*, std::shared_ptr<object_ctx>>;
     using listener_registration_map =
         std::map<ubus_event_handler*, std::shared_ptr<ubus_listener_ctx>>;
+    /// A notification waiting for its subscribers' answers, on the loop thread.
+    struct active_notify {
+        std::shared_ptr<ubus_notify_request> request;
+        error_handler_list::iterator pos;
+        std::weak_ptr<error_handler> handler;
+    };
+    using subscription_registration_map =
+        std::map<ubus_subscriber*, std::shared_ptr<ubus_subscription_ctx>>;
 
     /// What went with a freed bus context: its requests and registered objects.
     struct freed_context {
         request_map requests;
         registration_map objects;
         listener_registration_map listeners;
+        subscription_registration_map subscriptions;
+        std::map<ubus_notify_request*, active_notify> notifies;
     };
 
     /// Calls `handler` with `args` from the task queue; the link cancels the call.
@@ -230,6 +250,26 @@ private:
     /// Ends a wait_for without calling its handler.
     void end_wait(wait_ctx* key);
 
+    // Subscriptions and notifications.
+    void unsubscribe(subscription_ctx* key);
+    void subscribe_sync(const std::shared_ptr<ubus_subscription_ctx>& registration);
+    void register_subscriptions();
+    static bool new_object_callable(ubus_context* ctx, ubus_subscriber* sub, const char* path);
+    static int notification_callable(ubus_context* ctx, ubus_object* obj, ubus_request_data* req,
+                                     const char* type, blob_attr* msg);
+    void dispatch_notification(const std::weak_ptr<subscription_ctx>& owner,
+                               const std::string& type,
+                               std::multimap<std::string, blob::attr>&& data,
+                               const std::shared_ptr<ubus_request_data>& request);
+    void notify_sync(const std::shared_ptr<ubus_object_ctx>& registration, const std::string& type,
+                     const std::multimap<std::string, blob::attr>& data,
+                     const std::shared_ptr<ubus_notify_request>& request, bool wait,
+                     const error_handler_list::iterator& pos,
+                     const std::weak_ptr<error_handler>& handler);
+    static void notify_done_callable(ubus_notify_request* req, int idx, int ret);
+    void abort_notify_sync(ubus_notify_request* request);
+    static void subscribers_callable(ubus_context* ctx, ubus_object* obj);
+
     void run_loop();
 
     std::string prefix;
@@ -247,6 +287,7 @@ private:
     error_handler_list send_handlers;
     error_handler_list event_handlers;
     error_handler_list lookup_handlers;
+    error_handler_list notify_handlers;
     std::map<wait_ctx*, std::shared_ptr<wait_ctx>> waits;
     std::thread loop_thread;
     std::mutex gate_mutex;
@@ -259,6 +300,10 @@ private:
     registration_map registered_objects;
     std::map<listener_ctx*, std::shared_ptr<listener_ctx>> listeners;
     listener_registration_map registered_listeners;
+    std::map<subscription_ctx*, std::shared_ptr<subscription_ctx>> subscriptions;
+    subscription_registration_map registered_subscriptions;
+    std::map<ubus_notify_request*, active_notify> active_notifies;
+    std::map<std::string, misc::signal<void, bool>> subscriber_watchers;
     std::shared_ptr<void> token;
     // Socket of later connection attempts; empty for libubus's default.
     std::string socket_path;

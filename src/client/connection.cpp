@@ -211,8 +211,8 @@ void client_impl::abandon_pending(const std::error_code& ec) {
     while (!pending_invokes.empty()) {
         finish_invoke(pending_invokes.begin()->first, ec);
     }
-    for (auto* pending :
-         {&add_handlers, &del_handlers, &send_handlers, &event_handlers, &lookup_handlers}) {
+    for (auto* pending : {&add_handlers, &del_handlers, &send_handlers, &event_handlers,
+                          &lookup_handlers, &notify_handlers}) {
         while (!pending->empty()) {
             error_handler handler = std::move(*pending->front());
             pending->pop_front();
@@ -257,6 +257,7 @@ void client_impl::on_connect_done(bool connected) {
         connection = std::make_shared<char>(0);
         register_published_objects();
         register_listeners();
+        register_subscriptions();
     }
     on_req_done(connect_handlers, connected ? state::connected : state::disconnected, ec);
 }
@@ -284,6 +285,10 @@ void client_impl::on_connection_lost() {
 void client_impl::on_context_freed(const freed_context& freed) {
     for (const auto& entry : freed.requests) {
         finish_invoke(entry.first, error::make_error_code(error::msg::connection_failed));
+    }
+    for (const auto& entry : freed.notifies) {
+        finish_pending(notify_handlers, entry.second.pos, entry.second.handler,
+                       error::make_error_code(error::msg::connection_failed));
     }
     for (const auto& entry : freed.objects) {
         const auto it = published_objects.find(entry.first);
@@ -352,6 +357,8 @@ client_impl::freed_context client_impl::free_context_sync() {
     freed.requests.swap(active_requests);
     freed.objects.swap(registered_objects);
     freed.listeners.swap(registered_listeners);
+    freed.subscriptions.swap(registered_subscriptions);
+    freed.notifies.swap(active_notifies);
     return freed;
 }
 

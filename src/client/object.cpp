@@ -44,6 +44,7 @@ void client_impl::ubus_object_ctx::prepare() {
     object.type = &type;
     object.methods = methods.data();
     object.n_methods = static_cast<int>(methods.size());
+    object.subscribe_cb = &client_impl::subscribers_callable;
 }
 
 utils::link client_impl::add_object(const std::string& name, const method_table& methods,

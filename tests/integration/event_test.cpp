@@ -236,4 +236,64 @@ TEST_F(event_test, wait_for_ends_once_every_path_is_published_or_it_cannot_be) {
     }
 }
 
+TEST_F(event_test, a_subscription_follows_the_object_through_its_restarts) {
+    std::vector<std::string> heard;
+    auto lnk = bus().subscribe(
+        "orvix.notifier",
+        [&heard](const std::string& type,
+                 const std::shared_ptr<orvix::client::exchange_ctx>& notification) {
+            heard.push_back(
+                type + " " +
+                std::to_string(notification->args.find("n")->second.get<unsigned int>()));
+            notification->respond(orvix::error::msg::success);
+        });
+    round_trip();
+    // Published after the subscription, then gone, then published again.
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        heard.clear();
+        auto notifier = start_peer(
+            {ORVIX_TEST_EVENTS, bus_environment::daemon.socket, "notify", "orvix.notifier", "2"});
+        EXPECT_EQ(finish(*notifier), (std::vector<std::string>{"ready", "status 0", "status 0"}));
+        ASSERT_TRUE(run_until([&heard] { return heard.size() == 2; }));
+        EXPECT_EQ(heard, (std::vector<std::string>{"tick 0", "tick 1"}));
+    }
+    lnk.release();
+}
+
+TEST_F(event_test, notify_reaches_the_subscribers_of_a_published_object) {
+    std::vector<bool> active;
+    auto watching = bus().notify_on_subscribers("orvix.notified",
+                                                [&active](bool now) { active.push_back(now); });
+    ASSERT_TRUE(wait_called(add_object("orvix.notified", {})->where));
+    auto subscriber = start_peer(
+        {ORVIX_TEST_EVENTS, bus_environment::daemon.socket, "subscribe", "orvix.notified", "2"});
+    ASSERT_TRUE(run_until([&active] { return !active.empty(); }));
+    const struct {
+        std::string name;
+        int timeout_ms;
+        std::error_code expected;
+    } cases[] = {
+        {"orvix.notified", 0, orvix::error::msg::success},
+        {"orvix.notified", -1, orvix::error::msg::success},
+        {"orvix.unpublished", 0, orvix::error::msg::not_found},
+    };
+    unsigned int n = 0;
+    for (const auto& c : cases) {
+        const auto result = std::make_shared<completion>();
+        result->where.around([&] {
+            return bus().notify(c.name, "tock", {{"n", attr(n++)}}, recorder(result),
+                                std::chrono::milliseconds(c.timeout_ms));
+        });
+        ASSERT_TRUE(wait_called(result->where));
+        expect_proper_calls(result->where, 1);
+        EXPECT_EQ(result->ec, c.expected) << c.name << " " << c.timeout_ms;
+    }
+    EXPECT_EQ(finish(*subscriber),
+              (std::vector<std::string>{"ready", "notify tock 0", "notify tock 1"}));
+    ASSERT_TRUE(run_until([&active] { return active.size() == 2; }));
+    EXPECT_EQ(active, (std::vector<bool>{true, false}));
+    watching.release();
+}
+
 } // namespace

@@ -3,7 +3,13 @@
  *                                           then prints "status N" of the last send or the
  *                                           first failure;
  *        events SOCKET listen PATTERN COUNT listens, prints "ready", then "event TYPE N" for
- *                                           each event until COUNT have come. */
+ *                                           each event until COUNT have come;
+ *        events SOCKET notify PATH COUNT    publishes PATH, prints "ready", and once it has
+ *                                           a subscriber sends COUNT notifications "tick"
+ *                                           {"n": i}, printing "status N" for each;
+ *        events SOCKET subscribe PATH COUNT subscribes to PATH, prints "ready", then
+ *                                           "notify TYPE N" for each notification, which it
+ *                                           answers with status 5, until COUNT have come. */
 #include <libubus.h>
 
 #include <stdio.h>
@@ -17,8 +23,8 @@ static void on_event(struct ubus_context* ctx, struct ubus_event_handler* ev, co
     struct blob_attr* cur;
     size_t rem;
 
-    (void)ctx, (void)ev;
-    printf("event %s", type);
+    (void)ctx;
+    printf("%s %s", ev ? "event" : "notify", type);
     blob_for_each_attr(cur, msg, rem) {
         if (blobmsg_type(cur) == BLOBMSG_TYPE_INT32)
             printf(" %u", blobmsg_get_u32(cur));
@@ -29,12 +35,36 @@ static void on_event(struct ubus_context* ctx, struct ubus_event_handler* ev, co
         uloop_end();
 }
 
+static int count;
+static struct blob_buf b;
+
+static void on_subscribers(struct ubus_context* ctx, struct ubus_object* obj) {
+    int i;
+
+    if (!obj->has_subscribers)
+        return;
+    for (i = 0; i < count; i++) {
+        blob_buf_init(&b, 0);
+        blobmsg_add_u32(&b, "n", (uint32_t)i);
+        printf("status %d\n", ubus_notify(ctx, obj, "tick", b.head, 5000));
+    }
+    fflush(stdout);
+    uloop_end();
+}
+
+static int on_notify(struct ubus_context* ctx, struct ubus_object* obj,
+                     struct ubus_request_data* req, const char* method, struct blob_attr* msg) {
+    (void)req;
+    on_event(ctx, NULL, method, msg);
+    (void)obj;
+    return UBUS_STATUS_NO_DATA;
+}
+
 int main(int argc, char** argv) {
     struct ubus_event_handler listener = {0};
     struct ubus_context* ctx;
-    struct blob_buf b = {0};
     int status = UBUS_STATUS_OK;
-    int count, i;
+    int i;
 
     if (argc != 5)
         return 2;
@@ -61,6 +91,32 @@ int main(int argc, char** argv) {
             ubus_add_uloop(ctx);
             uloop_run();
         }
+    } else if (!strcmp(argv[2], "notify")) {
+        static struct ubus_object_type type = {.name = "notifier"};
+        static struct ubus_object object = {.type = &type, .subscribe_cb = on_subscribers};
+
+        object.name = argv[3];
+        status = ubus_add_object(ctx, &object);
+        printf(status == UBUS_STATUS_OK ? "ready\n" : "status %d\n", status);
+        fflush(stdout);
+        ubus_add_uloop(ctx);
+        if (status == UBUS_STATUS_OK)
+            uloop_run();
+    } else if (!strcmp(argv[2], "subscribe")) {
+        static struct ubus_subscriber subscriber = {.cb = on_notify};
+        uint32_t id = 0;
+
+        remaining = count;
+        status = ubus_register_subscriber(ctx, &subscriber);
+        if (status == UBUS_STATUS_OK)
+            status = ubus_lookup_id(ctx, argv[3], &id);
+        if (status == UBUS_STATUS_OK)
+            status = ubus_subscribe(ctx, &subscriber, id);
+        printf(status == UBUS_STATUS_OK ? "ready\n" : "status %d\n", status);
+        fflush(stdout);
+        ubus_add_uloop(ctx);
+        if (status == UBUS_STATUS_OK)
+            uloop_run();
     } else {
         return 2;
     }
