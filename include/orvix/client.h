@@ -220,7 +220,8 @@ public:
     /// published object `name`. With a negative `timeout` it is sent without asking for
     /// answers, and `handler` gets success once it is out; with zero `handler` gets
     /// success once every subscriber has answered, however long that takes; with a
-    /// positive one "Request timed out" if they have not all answered by then. "Not
+    /// positive one "Request timed out" if they have not all answered by then (counted in
+    /// whole seconds, rounded up, as the event loop's timers count). "Not
     /// found" when `name` is not on the bus, "Connection failed" while not connected.
     /// The subscribers' answers themselves are not reported, as with libubus's
     /// ubus_notify; libubus waits for the first 16 subscribers only.
