@@ -3,7 +3,9 @@
 //   greeter_service [-s SOCKET]
 //
 // greet [{"name": string}] one reply {"greeting": "Hello, <name>!"} ("world" without a
-//                          name), sent a second later; takes every argument as it comes
+//                          name), sent a second later; takes every argument as it comes.
+//                          Then it tells the object's subscribers (notification "greeted")
+//                          and the whole bus (event "orvix.greeter.greeted") whom it greeted
 // count {"to": int}        the replies {"n": 1} ... {"n": to}, then success; its argument
 //                          policy makes the client refuse calls without "to"
 //
@@ -72,6 +74,10 @@ int main(int argc, char** argv) {
         timer->wait([&, call, name, weak = std::weak_ptr<orvix::utils::timer>(timer)] {
             call->send({{"greeting", orvix::blob::attr("Hello, " + name + "!")}}, {});
             call->respond(orvix::error::msg::success);
+            const orvix::blob::table greeted{{"name", orvix::blob::attr(name)}};
+            // A negative timeout: the subscribers are not asked to answer.
+            bus.notify("orvix.greeter", "greeted", greeted, {}, std::chrono::milliseconds(-1));
+            bus.send_event("orvix.greeter.greeted", greeted, {});
             loop->post([&delayed, weak] { delayed.erase(weak.lock()); });
         });
         timer->expires_after(std::chrono::seconds(1));

@@ -308,4 +308,20 @@ TEST(greeter_test, PublishesAgainAfterTheDaemonRestarts) {
     EXPECT_EQ(stop(service), 0);
 }
 
+TEST(greeter_test, TheWatcherHearsOfEveryGreetingAsTheServiceComesAndGoes) {
+    background watcher({ORVIX_GREETER_WATCHER, "-s", bus_daemon.socket});
+    std::string heard;
+    for (const std::string name : {"first", "second"}) {
+        background service({ORVIX_GREETER_SERVICE, "-s", bus_daemon.socket});
+        ASSERT_TRUE(service.read_until("orvix.greeter published\n", 20000));
+        expect_outcome(run({ORVIX_GREETER_CLIENT, "-s", bus_daemon.socket, name}),
+                       {0, "greeting: Hello, " + name + "!\n", ""});
+        heard += "notification greeted " + name + "\nevent orvix.greeter.greeted " + name + "\n";
+        EXPECT_TRUE(watcher.read_until(heard, 20000)) << watcher.output();
+        EXPECT_EQ(stop(service), 0);
+    }
+    EXPECT_EQ(stop(watcher), 0);
+    EXPECT_EQ(watcher.output(), heard);
+}
+
 } // namespace
