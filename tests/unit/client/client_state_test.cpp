@@ -5,6 +5,7 @@
 
 #include <orvix/client.h>
 #include <orvix/error.h>
+#include <orvix/uloop.h>
 #include <orvix/utils/scoped_link.h>
 
 #include <algorithm>
@@ -168,7 +169,12 @@ TEST_F(client_state, cancel_ends_everything_in_order_and_later_results_change_no
     bus().invoke("fake.object", "first", {}, note_invoke("invoke 1"), 0s);
     bus().invoke("fake.object", "second", {}, note_invoke("invoke 2"), 0s);
     ASSERT_TRUE(loop->run_until([this] { return requests().size() == 2; }));
-    const auto started = requests();
+    // Replies to both invokes reach the loop thread while the cancel is under way.
+    orvix::uloop::get_instance().post([started = requests()] {
+        for (auto* request : started) {
+            fake_ubus::complete(request, UBUS_STATUS_OK);
+        }
+    });
     bus().add_object("fake.adding", {}, note("add"));
     bus().disconnect(note("disconnect"));
     bus().connect(note("connect"));
@@ -179,13 +185,8 @@ TEST_F(client_state, cancel_ends_everything_in_order_and_later_results_change_no
                                        "disconnect: Success", "connect: Aborted"}));
     EXPECT_EQ(bus().get_state(), state::disconnected);
 
-    // Replies to the aborted invokes, had the connection still carried them, and the
-    // registration that was under way reach no handler and publish nothing.
-    fake_ubus::on_loop([&started](fake_ubus::bus&) {
-        for (auto* request : started) {
-            fake_ubus::complete(request, UBUS_STATUS_OK);
-        }
-    });
+    // Neither those replies nor the registration that was under way reach a handler or
+    // publish anything.
     loop->settle();
     EXPECT_EQ(log.size(), 5u);
     connect();
