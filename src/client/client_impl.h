@@ -23,6 +23,7 @@
 #include <type_traits>
 #include <typeindex>
 #include <utility>
+#include <vector>
 
 namespace orvix {
 
@@ -138,6 +139,24 @@ private:
         subscription_registration_map subscriptions;
         std::map<ubus_notify_request*, active_notify> notifies;
     };
+
+    /// Calls every subscriber of `handlers` with `args`, in subscription order. Each is
+    /// called through a copy and found through a weak reference, so that handlers may add
+    /// links or release any link, their own included, while being called.
+    template <typename... Args>
+    static void notify_all(misc::signal<void, Args...>& handlers, const Args&... args) {
+        std::vector<std::weak_ptr<std::function<void(Args...)>>> weak(
+            handlers.subscribers().begin(), handlers.subscribers().end());
+        for (const auto& entry : weak) {
+            std::function<void(Args...)> handler;
+            if (const auto subscriber = entry.lock()) {
+                handler = *subscriber;
+            }
+            if (handler) {
+                handler(args...);
+            }
+        }
+    }
 
     /// Calls `handler` with `args` from the task queue; the link cancels the call.
     template <typename... Args>

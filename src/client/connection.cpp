@@ -127,19 +127,7 @@ void client_impl::on_state_change(state s) {
             disable_auto_connect();
         }
     }
-    // Weak references, and each handler called through a copy, so that handlers may
-    // add links or release any link, their own included, while being called.
-    std::vector<std::weak_ptr<std::function<void(state)>>> handlers(
-        state_handlers.subscribers().begin(), state_handlers.subscribers().end());
-    for (const auto& weak : handlers) {
-        std::function<void(state)> handler;
-        if (const auto subscriber = weak.lock()) {
-            handler = *subscriber;
-        }
-        if (handler) {
-            handler(s);
-        }
-    }
+    notify_all(state_handlers, s);
 }
 
 namespace {

@@ -242,21 +242,8 @@ void client_impl::subscribers_callable(ubus_context*, ubus_object* obj) {
         }
         self.post_from_uloop([&self, name = it->second->name, active = obj->has_subscribers] {
             const auto watchers = self.subscriber_watchers.find(name);
-            if (watchers == self.subscriber_watchers.end()) {
-                return;
-            }
-            // Weak references, and each handler called through a copy, so that handlers
-            // may add links or release any link while being called.
-            std::vector<std::weak_ptr<std::function<void(bool)>>> handlers(
-                watchers->second.subscribers().begin(), watchers->second.subscribers().end());
-            for (const auto& weak : handlers) {
-                std::function<void(bool)> handler;
-                if (const auto subscriber = weak.lock()) {
-                    handler = *subscriber;
-                }
-                if (handler) {
-                    handler(active);
-                }
+            if (watchers != self.subscriber_watchers.end()) {
+                notify_all(watchers->second, active);
             }
         });
     } catch (...) {
