@@ -223,7 +223,8 @@ public:
     /// positive one "Request timed out" if they have not all answered by then (counted in
     /// whole seconds, rounded up, as the event loop's timers count). "Not
     /// found" when `name` is not on the bus, "Connection failed" while not connected.
-    /// The subscribers' answers themselves are not reported, as with libubus's
+    /// A notification still waiting for answers when the connection goes completes as a
+    /// pending invoke does. The subscribers' answers themselves are not reported, as with libubus's
     /// ubus_notify; libubus waits for the first 16 subscribers only.
     virtual utils::link notify(const std::string& name, const std::string& type,
                                const std::multimap<std::string, blob::attr>& data,
@@ -231,7 +232,8 @@ public:
                                const std::chrono::milliseconds& timeout) = 0;
 
     /// Calls `handler` with true when the published object `name` gets its first
-    /// subscriber and with false when it has none any more, until the link is released.
+    /// subscriber and with false when it has none any more (also when the connection
+    /// goes, which takes every subscription with it), until the link is released.
     /// It may be registered before the object is published and outlives its removal.
     virtual utils::link notify_on_subscribers(const std::string& name,
                                               const std::function<void(bool)>& handler) = 0;

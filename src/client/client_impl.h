@@ -138,6 +138,8 @@ private:
         listener_registration_map listeners;
         subscription_registration_map subscriptions;
         std::map<ubus_notify_request*, active_notify> notifies;
+        /// Published objects that had subscribers: with the connection they have none.
+        std::vector<std::string> subscribed;
     };
 
     /// Calls every subscriber of `handlers` with `args`, in subscription order. Each is
@@ -288,6 +290,8 @@ private:
     static void notify_done_callable(ubus_notify_request* req, int idx, int ret);
     void abort_notify_sync(ubus_notify_request* request);
     static void subscribers_callable(ubus_context* ctx, ubus_object* obj);
+    /// Tells the watchers of the published object `name` whether it has subscribers.
+    void on_subscribers(const std::string& name, bool active);
 
     void run_loop();
 

@@ -1,6 +1,7 @@
 #include "client/client_impl.h"
 #include "client/invoke_ctx.h"
 #include "client/object_ctx.h"
+#include "client/ubus_object_ctx.h"
 #include "uloop/uloop_signals.h"
 
 #include <orvix/error.h>
@@ -278,6 +279,9 @@ void client_impl::on_context_freed(const freed_context& freed) {
         finish_pending(notify_handlers, entry.second.pos, entry.second.handler,
                        error::make_error_code(error::msg::connection_failed));
     }
+    for (const auto& name : freed.subscribed) {
+        on_subscribers(name, false);
+    }
     for (const auto& entry : freed.objects) {
         const auto it = published_objects.find(entry.first);
         if (it != published_objects.end() && it->second->removing) {
@@ -342,6 +346,12 @@ client_impl::freed_context client_impl::free_context_sync() {
         entry.second->priv = nullptr;
     }
     freed_context freed;
+    for (const auto& entry : registered_objects) {
+        if (entry.first->has_subscribers) {
+            entry.first->has_subscribers = false;
+            freed.subscribed.push_back(entry.second->name);
+        }
+    }
     freed.requests.swap(active_requests);
     freed.objects.swap(registered_objects);
     freed.listeners.swap(registered_listeners);

@@ -233,6 +233,13 @@ utils::link client_impl::notify_on_subscribers(const std::string& name,
     return subscriber_watchers[name].connect(handler);
 }
 
+void client_impl::on_subscribers(const std::string& name, bool active) {
+    const auto watchers = subscriber_watchers.find(name);
+    if (watchers != subscriber_watchers.end()) {
+        notify_all(watchers->second, active);
+    }
+}
+
 void client_impl::subscribers_callable(ubus_context*, ubus_object* obj) {
     try {
         auto& self = get_instance({});
@@ -241,10 +248,7 @@ void client_impl::subscribers_callable(ubus_context*, ubus_object* obj) {
             return;
         }
         self.post_from_uloop([&self, name = it->second->name, active = obj->has_subscribers] {
-            const auto watchers = self.subscriber_watchers.find(name);
-            if (watchers != self.subscriber_watchers.end()) {
-                notify_all(watchers->second, active);
-            }
+            self.on_subscribers(name, active);
         });
     } catch (...) {
         uloop::get_instance().exception_handler();

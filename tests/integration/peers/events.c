@@ -9,7 +9,9 @@
  *                                           {"n": i}, printing "status N" for each;
  *        events SOCKET subscribe PATH COUNT subscribes to PATH, prints "ready", then
  *                                           "notify TYPE N" for each notification, which it
- *                                           answers with status 5, until COUNT have come. */
+ *                                           answers with status 5, until COUNT have come;
+ *        events SOCKET hold PATH COUNT      subscribes like subscribe, but answers no
+ *                                           notification and runs until the bus goes. */
 #include <libubus.h>
 
 #include <stdio.h>
@@ -60,6 +62,18 @@ static int on_notify(struct ubus_context* ctx, struct ubus_object* obj,
     return UBUS_STATUS_NO_DATA;
 }
 
+/* Deferred and never completed: the notifier keeps waiting for this subscriber. */
+static int on_notify_held(struct ubus_context* ctx, struct ubus_object* obj,
+                          struct ubus_request_data* req, const char* method,
+                          struct blob_attr* msg) {
+    static struct ubus_request_data held;
+
+    ubus_defer_request(ctx, req, &held);
+    on_event(ctx, NULL, method, msg);
+    (void)obj;
+    return UBUS_STATUS_OK;
+}
+
 int main(int argc, char** argv) {
     struct ubus_event_handler listener = {0};
     struct ubus_context* ctx;
@@ -102,10 +116,12 @@ int main(int argc, char** argv) {
         ubus_add_uloop(ctx);
         if (status == UBUS_STATUS_OK)
             uloop_run();
-    } else if (!strcmp(argv[2], "subscribe")) {
+    } else if (!strcmp(argv[2], "subscribe") || !strcmp(argv[2], "hold")) {
         static struct ubus_subscriber subscriber = {.cb = on_notify};
         uint32_t id = 0;
 
+        if (!strcmp(argv[2], "hold"))
+            subscriber.cb = on_notify_held;
         remaining = count;
         status = ubus_register_subscriber(ctx, &subscriber);
         if (status == UBUS_STATUS_OK)
