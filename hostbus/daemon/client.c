@@ -65,6 +65,7 @@ void client_disconnect(struct client* cl) {
     if (cl->dead)
         return;
     cl->dead = true;
+    monitor_remove(cl);
     uloop_fd_delete(&cl->sock);
     list_add_tail(&cl->dead_entry, &dead_clients);
     uloop_timeout_set(&reaper, 0);
@@ -210,6 +211,8 @@ static void dispatch(struct client* cl) {
 
     cl->in_fd = -1;
     cl->in_have = 0;
+    /* Monitors see what arrived as it arrived, whatever the daemon then makes of it. */
+    monitor_report(cl, false, msg.type, msg.seq, msg.peer, msg.body);
     proto_dispatch(cl, &msg);
     if (cl->in_cap > KEEP_BUFFER) {
         free(cl->in_body);
@@ -323,9 +326,11 @@ void client_new(int fd) {
     cl->sock.cb = client_cb;
     cl->in_fd = -1;
     cl->uid = cred.uid;
+    cl->gid = cred.gid;
     cl->privileged = cred.uid == 0 || cred.uid == own_uid;
     INIT_LIST_HEAD(&cl->objects);
     INIT_LIST_HEAD(&cl->outq);
+    INIT_LIST_HEAD(&cl->monitor_entry);
     /* Unknown accounts are turned away before HELLO, which their library reports as a
      * failed connection. */
     if (!resolve_names(cl, cred.gid) || !id_alloc(&clients_by_id, &cl->id, client_id_usable)) {

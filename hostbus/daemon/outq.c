@@ -76,8 +76,8 @@ static void queue_tail(struct client* cl, const struct ubus_msghdr* hdr,
     cl->outq_bytes += m->len;
 }
 
-void client_send(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
-                 const struct blob_attr* body, int fd) {
+void client_send_unreported(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
+                            const struct blob_attr* body, int fd) {
     struct ubus_msghdr hdr = {
         .version = 0,
         .type = type,
@@ -118,6 +118,12 @@ void client_send(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
         return;
     queue_tail(cl, &hdr, body, (size_t)n, fd);
     client_update_events(cl);
+}
+
+void client_send(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
+                 const struct blob_attr* body, int fd) {
+    monitor_report(cl, true, type, seq, peer, body);
+    client_send_unreported(cl, type, seq, peer, body, fd);
 }
 
 static void outmsg_free(struct client* cl, struct outmsg* m) {

@@ -33,12 +33,6 @@ static int acl_invoke(struct client* cl, const struct inmsg* msg, const char* me
     return UBUS_STATUS_OK;
 }
 
-static int monitor_invoke(struct client* cl, const char* method) {
-    if (strcmp(method, "add") && strcmp(method, "remove"))
-        return UBUS_STATUS_METHOD_NOT_FOUND;
-    return cl->privileged ? UBUS_STATUS_NOT_SUPPORTED : UBUS_STATUS_PERMISSION_DENIED;
-}
-
 void sysobj_invoke(struct client* cl, const struct inmsg* msg, uint32_t objid, const char* method,
                    struct blob_attr* data) {
     int status;

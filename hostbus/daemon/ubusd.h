@@ -44,6 +44,7 @@ struct client {
     struct ubus_id id;
     struct uloop_fd sock;
     uid_t uid;
+    gid_t gid;
     bool privileged; /* root, or the daemon's own user: allowed everything */
     char* user;
     char* group;
@@ -60,7 +61,9 @@ struct client {
     struct list_head outq;
     size_t outq_bytes;
 
-    struct lookup* lookup; /* a listing in progress; input is paused meanwhile */
+    struct lookup* lookup;          /* a listing in progress; input is paused meanwhile */
+    struct list_head monitor_entry; /* on the monitor list, or empty */
+    uint16_t monitor_seq;           /* of the last report sent to it */
     bool dead;
     struct list_head dead_entry;
 };
@@ -76,9 +79,13 @@ void client_disconnect(struct client* cl);
 /* Re-arms the socket for the events the client's state calls for. */
 void client_update_events(struct client* cl);
 
-/* outq.c: `fd` is consumed (passed on or closed). */
+/* outq.c: `fd` is consumed (passed on or closed). Monitors hear of every message sent,
+ * whether or not it then fits the client's queue. */
 void client_send(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
                  const struct blob_attr* body, int fd);
+/* For the monitors' own reports, which are not reported in turn. */
+void client_send_unreported(struct client* cl, uint8_t type, uint16_t seq, uint32_t peer,
+                            const struct blob_attr* body, int fd);
 bool client_queue_empty(const struct client* cl);
 /* Writes what the socket takes; false when the client had to be disconnected. */
 bool client_flush(struct client* cl);
@@ -145,6 +152,13 @@ void unsubscribe_handle(struct client* cl, const struct inmsg* msg, struct blob_
 void notify_handle(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
 /* Ends every subscription the object is part of, telling the clients concerned. */
 void subscriptions_object_removed(struct object* obj);
+
+/* monitor.c */
+int monitor_invoke(struct client* cl, const char* method);
+void monitor_remove(struct client* cl);
+/* A message `cl` sent to the daemon (send false) or is being sent (send true). */
+void monitor_report(struct client* cl, bool send, uint8_t type, uint16_t seq, uint32_t peer,
+                    const struct blob_attr* body);
 
 /* sysobj.c */
 void sysobj_invoke(struct client* cl, const struct inmsg* msg, uint32_t objid, const char* method,

@@ -306,6 +306,11 @@ static inline int ubus_request_get_caller_fd(struct ubus_request_data* req) {
 void ubus_complete_deferred_request(struct ubus_context* ctx, struct ubus_request_data* req,
                                     int ret);
 
+/* Registers the context with the daemon as a monitor (root only); every message the daemon
+ * receives or sends is then reported to ctx->monitor_cb. */
+int ubus_monitor_start(struct ubus_context* ctx);
+int ubus_monitor_stop(struct ubus_context* ctx);
+
 /* Adds a pattern to the handler, publishing its object first if it has none yet. A pattern
  * ending in '*' matches every event starting with the rest. */
 int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev,

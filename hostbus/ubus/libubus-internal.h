@@ -46,6 +46,10 @@ __hidden void ubus_request_finish(struct ubus_request* req, int status);
 __hidden void ubus_process_req_msg(struct ubus_context* ctx, const struct ubus_msghdr* hdr,
                                    struct blob_attr* msg, int fd);
 
+/* libubus-monitor.c */
+__hidden void ubus_process_monitor(struct ubus_context* ctx, const struct ubus_msghdr* hdr,
+                                   struct blob_attr* msg);
+
 /* libubus-obj.c */
 __hidden void ubus_process_invoke(struct ubus_context* ctx, const struct ubus_msghdr* hdr,
                                   struct blob_attr* msg, int fd);

@@ -257,6 +257,10 @@ static void ubus_process_msg(struct ubus_context* ctx, const struct ubus_msghdr*
     case UBUS_MSG_DATA:
         ubus_process_req_msg(ctx, hdr, msg, fd);
         return;
+    case UBUS_MSG_MONITOR:
+        /* Reports are not calls: they go out at once, even inside a synchronous wait. */
+        ubus_process_monitor(ctx, hdr, msg);
+        break;
     case UBUS_MSG_INVOKE:
     case UBUS_MSG_UNSUBSCRIBE:
     case UBUS_MSG_NOTIFY:

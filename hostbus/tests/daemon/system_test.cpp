@@ -1,4 +1,4 @@
-// The built-in objects (events, ACL query, monitor), object events, and what clients of
+// The built-in objects (events, ACL query), object events, and what clients of
 // other users may do.
 #include "daemon_test.h"
 
@@ -39,7 +39,7 @@ protected:
     }
 };
 
-TEST_F(System, AclQueryAndMonitor) {
+TEST_F(System, AclQuery) {
     bus_client c(socket());
     c.send(invoke(4, 2, 2, "query", attr(UBUS_ATTR_DATA, {})));
     std::optional<frame> data = c.recv(), status = c.recv();
@@ -51,10 +51,6 @@ TEST_F(System, AclQueryAndMonitor) {
     EXPECT_EQ(to_hex(status->raw),
               to_hex(msg(UBUS_MSG_STATUS, 4, 2, attr_u32(UBUS_ATTR_STATUS, 0))));
     EXPECT_EQ(call(c, 2, "other", bytes{}), 1);
-    // Monitoring is not offered, and what object 3 does not know is a missing method.
-    EXPECT_EQ(call(c, 3, "add", bytes{}), 8);
-    EXPECT_EQ(call(c, 3, "remove", bytes{}), 8);
-    EXPECT_EQ(call(c, 3, "other", bytes{}), 3);
 }
 
 TEST_F(System, RegisterAndSendEvents) {
