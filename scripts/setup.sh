@@ -3,7 +3,7 @@
 # Extra package names may be given as arguments.
 set -euo pipefail
 
-packages=(cmake ninja-build gcc g++ pkg-config libgtest-dev libgmock-dev libasio-dev nlohmann-json3-dev "$@")
+packages=(cmake ninja-build gcc g++ pkg-config libgtest-dev libgmock-dev libasio-dev "$@")
 
 missing=()
 for p in "${packages[@]}"; do

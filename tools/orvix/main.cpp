@@ -1,144 +1,165 @@
-// orvix: calls a method of a ubus object from the command line.
+// orvix: the device's ubus command-line tool for this bus, with its commands, options,
+// output and exit statuses.
 //
-//   orvix [-s SOCKET] [-t SECONDS] [-S] call OBJECT METHOD [JSON]
+//   orvix [-s SOCKET] [-t SECONDS] [-S] [-v] [-m TYPE]... [-M r|t] COMMAND [ARGUMENTS...]
 //
-// Prints every reply as a JSON document. On failure prints what failed on stderr and
-// exits with the ubus status of the failure (2 for a usage error, 10 when the bus
-// cannot be reached, 12 for arguments that are not a JSON object).
+// It is written on the libubus C API rather than on liborvix, because it has to print
+// members in the order they came, signatures as they are and the daemon's monitor
+// reports.
 
-#include "json_mapping.h"
+#include <orvix/version.h>
 
-#include <orvix/client.h>
-#include <orvix/error.h>
-#include <orvix/loops/simple_event_loop.h>
-
-#include <cerrno>
-#include <chrono>
-#include <climits>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <iostream>
-#include <stdexcept>
+#include <cstring>
+#include <getopt.h>
 #include <string>
-#include <unistd.h>
+
+#include <libubus.h>
+
+#include "commands.h"
+#include "json_output.h"
 
 namespace {
 
-constexpr int usage_status = 2;
+using orvix::tool::settings;
 
-// ubus carries a call's timeout as an int of milliseconds; longer waits would also
-// overflow the clocks that time them.
-constexpr long longest_timeout = INT_MAX / 1000;
-
-int usage(const char* self) {
-    std::cerr << "usage: " << self << " [-s SOCKET] [-t SECONDS] [-S] call OBJECT METHOD [JSON]\n"
-              << "  -s SOCKET   the bus daemon's socket (default: libubus's default)\n"
-              << "  -t SECONDS  how long to wait for the answer, 0 for ever (default: 30)\n"
-              << "  -S          print each reply on one line\n";
-    return usage_status;
+void print_usage(std::FILE* to, const char* self) {
+    std::fprintf(to,
+                 "Usage: %s [<options>] <command> [arguments...]\n"
+                 "Options:\n"
+                 " -s <socket>:\t\tSet the unix domain socket to connect to\n"
+                 " -t <timeout>:\t\tSet the timeout (in seconds) for a command to complete\n"
+                 " -S:\t\t\tUse simplified output (for scripts)\n"
+                 " -v:\t\t\tMore verbose output\n"
+                 " -m <type>:\t\t(for monitor): include a specific message type\n"
+                 "\t\t\t(can be used more than once)\n"
+                 " -M <r|t>\t\t(for monitor): only capture received or transmitted traffic\n"
+                 "\n"
+                 "Commands:\n"
+                 " - list [<path>]\t\t\tList objects\n"
+                 " - call <path> <method> [<message>]\tCall an object method\n"
+                 " - subscribe <path> [<path>...]\tSubscribe to object(s) notifications\n"
+                 " - listen [<path>...]\t\t\tListen for events\n"
+                 " - send <type> [<message>]\t\tSend an event\n"
+                 " - wait_for <object> [<object>...]\tWait for multiple objects to appear on "
+                 "ubus\n"
+                 " - monitor\t\t\t\tMonitor ubus traffic\n"
+                 "\n",
+                 self);
 }
 
-// The exit status for a failure: the ubus status itself, or 1 for the library's own
-// outcomes (which have no ubus status).
-int exit_status(const std::error_code& ec) {
-    if (ec.category() == orvix::error::msg_category::get_inst())
-        return ec.value();
-    return 1;
+// The device tool has no long options; these two are answered before getopt would call
+// them invalid. -1: neither was asked for.
+int answer_help_or_version(int argc, char** argv) {
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0) {
+            print_usage(stdout, argv[0]);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("orvix %s\n", orvix::version::get_string().c_str());
+            return 0;
+        }
+    }
+    return -1;
+}
+
+// False for a value the device tool refuses: an unknown -m type, an -M that does not
+// start with r or t.
+bool take_option(settings& s, int option, const char* value) {
+    switch (option) {
+    case 's':
+        s.socket = value;
+        return true;
+    case 't':
+        s.timeout = std::atoi(value);
+        return true;
+    case 'S':
+        s.simple = true;
+        return true;
+    case 'v':
+        ++s.verbose;
+        return true;
+    case 'm': {
+        const int type = orvix::tool::monitor_type_from_name(value);
+        if (type < 0 || type >= 32) {
+            return false;
+        }
+        s.filter.types |= std::uint32_t{1} << type;
+        return true;
+    }
+    case 'M':
+        // Only the first character counts: "-M rx" is accepted.
+        if (value[0] != 'r' && value[0] != 't') {
+            return false;
+        }
+        s.filter.direction = value[0] == 't' ? 1 : 0;
+        return true;
+    default:
+        return false;
+    }
+}
+
+using command = int (*)(settings&, int, char**);
+
+command find_command(const char* name) {
+    static const struct {
+        const char* name;
+        command run;
+    } commands[] = {
+        {"list", orvix::tool::list},           {"call", orvix::tool::call},
+        {"subscribe", orvix::tool::subscribe}, {"listen", orvix::tool::listen},
+        {"send", orvix::tool::send},           {"wait_for", orvix::tool::wait_for},
+        {"monitor", orvix::tool::monitor},
+    };
+    for (const auto& c : commands) {
+        if (std::strcmp(c.name, name) == 0) {
+            return c.run;
+        }
+    }
+    return nullptr;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    std::string socket;
-    long timeout = 30;
-    auto layout = orvix::tool::json_layout::indented;
-
-    for (int opt; (opt = getopt(argc, argv, "s:t:S")) != -1;) {
-        switch (opt) {
-        case 's':
-            socket = optarg;
-            break;
-        case 't': {
-            char* end = nullptr;
-            errno = 0;
-            timeout = std::strtol(optarg, &end, 10);
-            if (*optarg == '\0' || *end != '\0' || errno != 0 || timeout < 0 ||
-                timeout > longest_timeout)
-                return usage(argv[0]);
-            break;
-        }
-        case 'S':
-            layout = orvix::tool::json_layout::compact;
-            break;
-        default:
-            return usage(argv[0]);
-        }
-    }
-    int rest = argc - optind;
-    if (rest < 3 || rest > 4 || std::string(argv[optind]) != "call")
-        return usage(argv[0]);
-    const std::string object = argv[optind + 1];
-    const std::string method = argv[optind + 2];
-
-    std::multimap<std::string, orvix::blob::attr> args;
-    if (rest == 4) {
-        try {
-            args = orvix::tool::parse_table(argv[optind + 3]);
-        } catch (const std::invalid_argument& e) {
-            std::cerr << "orvix: call " << object << " " << method << " failed: " << e.what()
-                      << "\n";
-            return static_cast<int>(orvix::error::msg::parse_error);
-        }
+    const char* self = argv[0];
+    if (const int answered = answer_help_or_version(argc, argv); answered >= 0) {
+        return answered;
     }
 
-    // A bus that goes away mid-call is reported as an error, not as a SIGPIPE death.
-    std::signal(SIGPIPE, SIG_IGN);
-
-    auto loop = orvix::loops::simple_event_loop::create();
-    auto& bus = orvix::client::get_instance(loop);
-    bus.set_socket_path(socket);
-
-    int status = 0;
-    bool done = false;
-    orvix::utils::link connecting, calling;
-    connecting = bus.connect([&](const std::error_code& ec) {
-        if (ec) {
-            // The library reports every failure to connect alike, so its text adds nothing.
-            std::cerr << "orvix: cannot connect to the bus"
-                      << (socket.empty() ? std::string() : " at " + socket) << "\n";
-            status = static_cast<int>(orvix::error::msg::connection_failed);
-            done = true;
-            loop->stop();
-            return;
+    settings s;
+    for (int option; (option = getopt(argc, argv, "m:M:vs:t:S")) != -1;) {
+        if (!take_option(s, option, optarg)) {
+            print_usage(stderr, self);
+            return 1;
         }
-        calling = bus.invoke(
-            object, method, args,
-            [&](const std::list<orvix::blob::attr>& replies, const std::error_code& ec) {
-                for (const auto& reply : replies)
-                    std::cout << orvix::tool::to_json_text(reply.get<orvix::blob::table>(), layout)
-                              << "\n";
-                if (ec) {
-                    std::cerr << "orvix: call " << object << " " << method
-                              << " failed: " << ec.message() << "\n";
-                    status = exit_status(ec);
-                }
-                done = true;
-                loop->stop();
-            },
-            std::chrono::seconds(timeout));
-    });
-
-    if (timeout == 0)
-        loop->run();
-    else
-        // The invoke's own timeout ends the call; this bound only covers connecting.
-        loop->run_for(std::chrono::seconds(timeout + 10));
-
-    if (!done) {
-        std::cerr << "orvix: call " << object << " " << method << " got no answer\n";
-        status = static_cast<int>(orvix::error::msg::timeout);
     }
-    bus.cancel();
-    std::cout.flush();
-    return status;
+    argc -= optind;
+    argv += optind;
+    if (argc < 1) {
+        print_usage(stderr, self);
+        return 1;
+    }
+
+    // The device tool connects before it looks at the command: an unknown command on an
+    // unreachable bus fails to connect.
+    s.ctx = ubus_connect(s.socket);
+    if (!s.ctx) {
+        if (!s.simple) {
+            std::fprintf(stderr, "Failed to connect to ubus\n");
+        }
+        return -1;
+    }
+
+    const command run = find_command(argv[0]);
+    const int ret = run ? run(s, argc - 1, argv + 1) : orvix::tool::usage_error;
+    if (ret > 0 && !s.simple) {
+        std::fprintf(stderr, "Command failed: %s\n", ubus_strerror(ret));
+    } else if (ret == orvix::tool::usage_error) {
+        print_usage(stderr, self);
+    }
+    ubus_free(s.ctx);
+    return ret;
 }

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+
+// libubox declares its functions without C linkage; GoogleTest's headers must come before
+// it (its __constructor macro breaks <cxxabi.h>).
+extern "C" {
+#include <libubox/blob.h>
+}
+
+namespace orvix {
+namespace tool {
+
+/// The two layouts in which the tool prints a message: indented with tabs, one member
+/// per line, or on one line (-S).
+enum class json_layout { indented, compact };
+
+/// The blobmsg members held in `container` (a DATA attribute, a message's top attribute,
+/// or a blobmsg table or array) as the device tool prints them, without a final newline;
+/// `as_array` chooses the brackets (and leaves the keys out). Members in wire
+/// order, a table as an object and an array as an array, values as the device tool
+/// formats them (doubles with %lf, strings escaped as it escapes them, members with an
+/// empty name without their key, invalid members as nothing between their separators).
+std::string format_json(const blob_attr* container, bool as_array, json_layout layout);
+
+/// One method entry of a signature as `list -v` prints it: `"name":{...}`, compact, with
+/// every INT32 value replaced by the name of the value type it stands for ("Integer",
+/// "String", ..., "(unknown)"); nothing for an invalid entry.
+std::string format_signature_method(const blob_attr* method);
+
+/// One MONITOR message as `monitor` prints it, without a final newline:
+/// `-> 0000abcd #00000000         invoke: {...}`. `body` is the message's top attribute
+/// (the one a monitor handler gets), holding the UBUS_MONITOR_* attributes; the observed
+/// message's own attributes print in id order. "Invalid monitor msg" when CLIENT, PEER,
+/// SEND, TYPE or DATA is missing or of the wrong size.
+std::string format_monitor_report(const blob_attr* body);
+
+/// The message type a MONITOR report carries, from the name `monitor -m` takes (hello,
+/// status, data, ping, lookup, invoke, add_object, remove_object, subscribe, unsubscribe,
+/// notify); -1 for any other name.
+int monitor_type_from_name(const std::string& name);
+
+} // namespace tool
+} // namespace orvix
