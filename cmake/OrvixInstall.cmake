@@ -41,6 +41,8 @@ if(ORVIX_USING_HOSTBUS)
         DESTINATION ${ORVIX_INSTALL_CMAKEDIR})
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/hostbus/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT ubus)
+    # A bus for desktops and containers, which have none of their own.
+    install(TARGETS orvix-ubusd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ubus)
 else()
     # Where the build found them, for the package config and orvix.pc to look there again.
     get_filename_component(_orvix_ubox_libdir "${UBOX_LIBRARY}" DIRECTORY)
@@ -76,3 +78,12 @@ file(RELATIVE_PATH ORVIX_PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_
 file(RELATIVE_PATH ORVIX_PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/orvix.pc.in ${PROJECT_BINARY_DIR}/orvix.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/orvix.pc DESTINATION ${ORVIX_INSTALL_PKGCONFIGDIR})
+if(TARGET orvix_asio)
+    set(ORVIX_PC_ASIO_CFLAGS "")
+    if(NOT ORVIX_ASIO_INCLUDE_DIR STREQUAL "/usr/include")
+        set(ORVIX_PC_ASIO_CFLAGS " -I${ORVIX_ASIO_INCLUDE_DIR}")
+    endif()
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/orvix-asio.pc.in ${PROJECT_BINARY_DIR}/orvix-asio.pc
+        @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/orvix-asio.pc DESTINATION ${ORVIX_INSTALL_PKGCONFIGDIR})
+endif()

@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
-# Builds everything, starts a private bus daemon, runs the example service, calls it with
+# Builds what it runs, starts a private bus daemon, runs the example service, calls it with
 # the orvix tool and with the example client, prints the replies, and stops what it started.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 cmake --preset default >/dev/null
-cmake --build --preset default
+programs=(orvix-tool greeter_service greeter_client)
+# hostbus's daemon, when the build uses hostbus rather than the system's libubus.
+if ninja -C build/default -t targets all | grep -q '^orvix-ubusd:'; then
+    programs+=(orvix-ubusd)
+fi
+cmake --build --preset default --target "${programs[@]}"
 
 build=build/default
 daemon="$build/hostbus/daemon/orvix-ubusd"
@@ -56,3 +61,11 @@ echo "== greeter_client -s $socket 'example client'"
 echo
 echo "== orvix -s $socket call orvix.greeter nosuchmethod (fails on purpose)"
 "$build/tools/orvix" -s "$socket" call orvix.greeter nosuchmethod && exit 1 || echo "exit status $?"
+
+cat <<EOF
+
+== done. To try things by hand:
+  $daemon -s /tmp/my-bus.sock &
+  $build/tools/orvix -s /tmp/my-bus.sock list
+  $build/tools/orvix --help
+EOF

@@ -29,13 +29,24 @@ execute_process(COMMAND ${PKG_CONFIG} --modversion orvix
     OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
-# The installed liborvix has no RUNPATH: the consumers run against the libraries in the
-# directories orvix.pc names, liborvix's and libubox's and libubus's wherever they are.
+# Nothing sets a library path: installed programs and libraries find theirs from where
+# they are, and each consumer from its run path.
+foreach(program orvix orvix-ubusd)
+    if(EXISTS ${prefix}/bin/${program})
+        execute_process(COMMAND ${prefix}/bin/${program} --version
+            RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+        if(result EQUAL 127 OR output MATCHES "error while loading shared libraries")
+            message(FATAL_ERROR "installed ${program} does not start (${result}):\n${output}")
+        endif()
+    endif()
+endforeach()
+if(NOT EXISTS ${prefix}/bin/orvix)
+    message(FATAL_ERROR "the orvix tool is not installed")
+endif()
+
 set(libdirs ${flags})
 list(FILTER libdirs INCLUDE REGEX "^-L")
-list(TRANSFORM libdirs REPLACE "^-L" "")
-string(REPLACE ";" ":" libdirs "${libdirs}")
-set(ENV{LD_LIBRARY_PATH} "${libdirs}:$ENV{LD_LIBRARY_PATH}")
+list(TRANSFORM libdirs REPLACE "^-L" "-Wl,-rpath,")
 
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-consumer -G ${GENERATOR}
     -DCMAKE_BUILD_TYPE=${ORVIX_CONFIG}
@@ -46,5 +57,9 @@ run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
 run(${WORK_DIR}/cmake-consumer/orvix_consumer)
 
 run(${CXX_COMPILER} -std=c++17 "-DORVIX_EXPECTED_VERSION=\"${version}\""
-    ${CONSUMER_DIR}/main.cpp ${flags} -o ${WORK_DIR}/pkg-config-consumer)
+    ${CONSUMER_DIR}/main.cpp ${flags} ${libdirs} -o ${WORK_DIR}/pkg-config-consumer)
 run(${WORK_DIR}/pkg-config-consumer)
+
+if(EXISTS ${prefix}/${ORVIX_LIBDIR}/pkgconfig/orvix-asio.pc)
+    run(${PKG_CONFIG} --exists --print-errors orvix-asio)
+endif()
