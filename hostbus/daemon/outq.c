@@ -90,9 +90,9 @@ void client_send_unreported(struct client* cl, uint8_t type, uint16_t seq, uint3
     struct iovec iov[2];
     ssize_t n;
 
-    /* Clients drop (and lose track of) anything above the limit, so never send it. */
-    if (cl->dead || blob_pad_len(body) > UBUS_MAX_MSGLEN ||
-        (!was_empty && cl->outq_bytes + len > OUTQ_LIMIT)) {
+    /* Outgoing sizes are not checked: what the daemon forwards may exceed the limit its
+     * clients accept. Only the queue is bounded. */
+    if (cl->dead || (!was_empty && cl->outq_bytes + len > OUTQ_LIMIT)) {
         if (fd >= 0)
             close(fd);
         return;
