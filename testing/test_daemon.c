@@ -51,7 +51,7 @@ int test_daemon_restart(struct test_daemon* d) {
     if (pid < 0)
         return -1;
     if (pid == 0) {
-        execl(d->exe, d->exe, "-s", d->socket, (char*)NULL);
+        execl(d->exe, d->exe, "-s", d->socket, "-A", d->acl_dir, (char*)NULL);
         _exit(127);
     }
     d->pid = pid;
@@ -75,6 +75,7 @@ int test_daemon_start(struct test_daemon* d, const char* exe) {
     if (!mkdtemp(d->dir))
         return -1;
     snprintf(d->socket, sizeof(d->socket), "%s/ubus.sock", d->dir);
+    snprintf(d->acl_dir, sizeof(d->acl_dir), "%s/acl.d", d->dir);
     if (test_daemon_restart(d) < 0) {
         rmdir(d->dir);
         return -1;

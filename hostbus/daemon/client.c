@@ -291,12 +291,18 @@ static char* account_name(bool group, unsigned int id) {
     }
 }
 
+/* A daemon run by an ordinary user trusts that user as root is trusted; run by root it
+ * trusts root alone, exactly as the device's daemon does. */
+static bool own_user(uid_t uid) {
+    return own_uid != 0 && uid == own_uid;
+}
+
 /* The daemon's own user is served even without an account entry (as in containers):
  * its numeric ids then stand in for the names. */
 static bool resolve_names(struct client* cl, gid_t gid) {
     cl->user = account_name(false, cl->uid);
     cl->group = account_name(true, gid);
-    if (cl->uid == own_uid) {
+    if (own_user(cl->uid)) {
         if (!cl->user)
             cl->user = number_name(cl->uid);
         if (!cl->group)
@@ -327,7 +333,9 @@ void client_new(int fd) {
     cl->in_fd = -1;
     cl->uid = cred.uid;
     cl->gid = cred.gid;
-    cl->privileged = cred.uid == 0 || cred.uid == own_uid;
+    cl->privileged = cred.uid == 0 || own_user(cred.uid);
+    if (!cl->privileged)
+        cl->n_groups = acl_read_groups(cred.pid, cl->groups, ACL_MAX_GROUPS);
     INIT_LIST_HEAD(&cl->objects);
     INIT_LIST_HEAD(&cl->outq);
     INIT_LIST_HEAD(&cl->monitor_entry);

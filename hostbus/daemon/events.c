@@ -1,6 +1,7 @@
 /* Events: objects registered with patterns through the built-in object 1, events sent by
- * clients, and the daemon's own ubus.object.add/remove notices. An event reaches each
- * listening object once, as an INVOKE whose METHOD is the event name. */
+ * clients, and the daemon's own notices (ubus.object.add/remove, ubus.acl.sequence). An
+ * event reaches each listening object once, as an INVOKE whose METHOD is the event name.
+ * Registering and sending are access-checked; delivery is not. */
 #include <string.h>
 
 #include <libubox/blobmsg.h>
@@ -86,7 +87,7 @@ int events_register(struct client* cl, struct blob_attr* data) {
     if (!tb[REGISTER_OBJECT] || !tb[REGISTER_PATTERN])
         return UBUS_STATUS_INVALID_ARGUMENT;
     pattern = blobmsg_get_string(tb[REGISTER_PATTERN]);
-    if (!pattern[0] || !cl->privileged)
+    if (!pattern[0] || !acl_allows(cl, ACL_LISTEN, pattern))
         return UBUS_STATUS_PERMISSION_DENIED;
     id = blobmsg_get_u32(tb[REGISTER_OBJECT]);
     /* The system objects cannot listen. */
@@ -122,7 +123,7 @@ int events_send(struct client* cl, struct blob_attr* data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     event = blobmsg_get_string(tb[SEND_ID]);
     /* The ubus.* namespace belongs to the daemon. */
-    if (!cl->privileged || !strncmp(event, "ubus.", 5))
+    if (!acl_allows(cl, ACL_SEND, event) || !strncmp(event, "ubus.", 5))
         return UBUS_STATUS_PERMISSION_DENIED;
     if (blob_buf_init(&event_data, UBUS_ATTR_DATA) < 0)
         return UBUS_STATUS_NO_MEMORY;
@@ -154,4 +155,11 @@ void events_object_removed(struct object* obj) {
         free(p);
     }
     object_notice(obj, "ubus.object.remove");
+}
+
+void events_acl_sequence(uint32_t seq) {
+    if (blob_buf_init(&event_data, UBUS_ATTR_DATA) < 0)
+        return;
+    blobmsg_add_u32(&event_data, "sequence", seq);
+    deliver("ubus.acl.sequence", NULL);
 }

@@ -3,6 +3,8 @@
  * queued (and partly dropped) at once. The client's further input waits until it ends. */
 #include <string.h>
 
+#include <libubox/blobmsg.h>
+
 #include "ubusd.h"
 
 struct lookup {
@@ -23,12 +25,31 @@ static bool lookup_matches(const struct lookup* lk, const struct object* obj) {
     return strcmp(obj->path, lk->pattern) == 0;
 }
 
+/* Root sees every method; other clients only those they may call. */
+static void put_signature(const struct client* cl, const struct object* obj) {
+    struct blob_attr* signature = obj->type->signature;
+    struct blob_attr* cur;
+    void* nest;
+    size_t rem;
+
+    if (cl->privileged) {
+        blob_put_raw(&msg_buf, signature, (unsigned int)blob_raw_len(signature));
+        return;
+    }
+    nest = blob_nest_start(&msg_buf, UBUS_ATTR_SIGNATURE);
+    blob_for_each_attr(cur, signature, rem) {
+        if (acl_allows_call(cl, obj->path, blobmsg_name(cur)))
+            blob_put_raw(&msg_buf, cur, (unsigned int)blob_raw_len(cur));
+    }
+    blob_nest_end(&msg_buf, nest);
+}
+
 static void send_object(struct client* cl, const struct lookup* lk, const struct object* obj) {
     msg_start();
     blob_put_string(&msg_buf, UBUS_ATTR_OBJPATH, obj->path);
     blob_put_int32(&msg_buf, UBUS_ATTR_OBJID, obj->id.id);
     blob_put_int32(&msg_buf, UBUS_ATTR_OBJTYPE, obj->type->id.id);
-    blob_put_raw(&msg_buf, obj->type->signature, (unsigned int)blob_raw_len(obj->type->signature));
+    put_signature(cl, obj);
     client_send(cl, UBUS_MSG_DATA, lk->seq, lk->peer, msg_buf.head, -1);
 }
 

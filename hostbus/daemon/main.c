@@ -10,11 +10,22 @@
 
 #include "ubusd.h"
 
+#define ACL_DIR_DEFAULT "/usr/share/acl.d"
+
+static const char* acl_dir = ACL_DIR_DEFAULT;
+
+static void reload_acl(struct uloop_signal* s) {
+    (void)s;
+    acl_load(acl_dir);
+}
+
+static struct uloop_signal hangup = {.signo = SIGHUP, .cb = reload_acl};
+
 static void usage(const char* prog) {
     fprintf(stderr,
             "Usage: %s [<options>]\n"
             "Options:\n"
-            "  -A <path>:\t\tSet the path to ACL files (accepted, none are read)\n"
+            "  -A <path>:\t\tSet the path to ACL files\n"
             "  -s <socket>:\t\tSet the unix domain socket to listen on\n"
             "\n",
             prog);
@@ -67,6 +78,7 @@ int main(int argc, char** argv) {
             path = optarg;
             break;
         case 'A':
+            acl_dir = optarg;
             break;
         default:
             usage(argv[0]);
@@ -75,13 +87,14 @@ int main(int argc, char** argv) {
     }
 
     signal(SIGPIPE, SIG_IGN);
-    /* There are no ACL files to reload. */
-    signal(SIGHUP, SIG_IGN);
 
     if (id_init() < 0 || uloop_init() < 0 || blob_buf_init(&msg_buf, 0) < 0) {
         fprintf(stderr, "orvix-ubusd: initialisation failed: %s\n", strerror(errno));
         return 1;
     }
+    /* The rules are there before the first client is. */
+    uloop_signal_add(&hangup);
+    acl_load(acl_dir);
     create_default_dir();
     fd = listen_socket(path);
     if (fd < 0) {

@@ -49,9 +49,20 @@ struct object* object_next(struct object* obj) {
     return avl_next_element(obj, path_node);
 }
 
+/* An object whose methods the client may not call is hidden, unless it has none. */
 bool object_visible_to(const struct object* obj, const struct client* cl) {
-    /* Without ACL files an unprivileged client may only see objects it could not call. */
-    return obj->type && (cl->privileged || obj->type->n_methods == 0);
+    struct blob_attr* cur;
+    size_t rem;
+
+    if (!obj->type)
+        return false;
+    if (cl->privileged || obj->type->n_methods == 0)
+        return true;
+    blob_for_each_attr(cur, obj->type->signature, rem) {
+        if (acl_allows_call(cl, obj->path, blobmsg_name(cur)))
+            return true;
+    }
+    return false;
 }
 
 static struct object_type* type_find(uint32_t id) {
@@ -117,7 +128,7 @@ int object_create(struct client* owner, struct blob_attr** tb, struct object** o
     const char* path = tb[UBUS_ATTR_OBJPATH] ? blob_data(tb[UBUS_ATTR_OBJPATH]) : NULL;
     struct object* obj;
 
-    if (path && (!owner->privileged || object_find_path(path)))
+    if (path && (!acl_allows(owner, ACL_PUBLISH, path) || object_find_path(path)))
         return UBUS_STATUS_INVALID_ARGUMENT;
     obj = calloc(1, sizeof(*obj));
     if (!obj)

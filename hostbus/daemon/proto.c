@@ -92,9 +92,11 @@ static void handle_invoke(struct client* cl, struct inmsg* msg, struct blob_attr
         return;
     }
     obj = object_find(id);
+    /* Objects without a path may be called by anyone; the others' owners never hear of a
+     * call that is not allowed, whether or not they have the method. */
     if (!obj)
         status = UBUS_STATUS_NOT_FOUND;
-    else if (!cl->privileged)
+    else if (obj->path && !acl_allows_call(cl, obj->path, blob_data(tb[UBUS_ATTR_METHOD])))
         status = UBUS_STATUS_PERMISSION_DENIED;
     else
         status = forward_invoke(cl, msg, tb, obj);

@@ -63,8 +63,9 @@ static int subscribe(struct client* cl, const struct inmsg* msg, struct blob_att
         return UBUS_STATUS_NOT_FOUND;
     if (target->owner == cl)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    /* Without ACL files only privileged clients may watch a published object. */
-    if (target->path ? !cl->privileged : !same_account(cl, target->owner))
+    /* An anonymous object only by clients sharing its owner's user or primary group name. */
+    if (target->path ? !acl_allows(cl, ACL_SUBSCRIBE, target->path)
+                     : !same_account(cl, target->owner))
         return UBUS_STATUS_NOT_FOUND;
     s = calloc(1, sizeof(*s));
     if (!s)

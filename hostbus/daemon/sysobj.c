@@ -2,12 +2,7 @@
  * Their replies carry the request's seq and peer, like any reply of the daemon's own. */
 #include <string.h>
 
-#include <libubox/blobmsg.h>
-
 #include "ubusd.h"
-
-/* Access rules are never loaded, so the rule set keeps its first generation. */
-#define ACL_SEQ 1
 
 static int events_invoke(struct client* cl, const char* method, struct blob_attr* data) {
     if (!strcmp(method, "register"))
@@ -18,16 +13,14 @@ static int events_invoke(struct client* cl, const char* method, struct blob_attr
 }
 
 static int acl_invoke(struct client* cl, const struct inmsg* msg, const char* method) {
-    void *data, *acl;
+    void* data;
 
     if (strcmp(method, "query"))
         return UBUS_STATUS_INVALID_COMMAND;
     msg_start();
     blob_put_int32(&msg_buf, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_ACL);
     data = blob_nest_start(&msg_buf, UBUS_ATTR_DATA);
-    blobmsg_add_u32(&msg_buf, "seq", ACL_SEQ);
-    acl = blobmsg_open_array(&msg_buf, "acl");
-    blobmsg_close_array(&msg_buf, acl);
+    acl_put_query(&msg_buf, cl);
     blob_nest_end(&msg_buf, data);
     msg_send(cl, UBUS_MSG_DATA, msg);
     return UBUS_STATUS_OK;

@@ -40,12 +40,17 @@ struct inmsg {
 
 struct lookup;
 
+/* Supplementary groups read for a client, as many as access rules look at. */
+#define ACL_MAX_GROUPS 64
+
 struct client {
     struct ubus_id id;
     struct uloop_fd sock;
     uid_t uid;
     gid_t gid;
-    bool privileged; /* root, or the daemon's own user: allowed everything */
+    bool privileged;              /* root, or the daemon's own user: allowed everything */
+    gid_t groups[ACL_MAX_GROUPS]; /* supplementary, for group rules */
+    int n_groups;
     char* user;
     char* group;
     struct list_head objects; /* struct object, in creation order */
@@ -145,6 +150,7 @@ int events_register(struct client* cl, struct blob_attr* data);
 int events_send(struct client* cl, struct blob_attr* data);
 void events_object_added(struct object* obj);
 void events_object_removed(struct object* obj);
+void events_acl_sequence(uint32_t seq);
 
 /* subscribe.c */
 void subscribe_handle(struct client* cl, const struct inmsg* msg, struct blob_attr** tb);
@@ -159,6 +165,23 @@ void monitor_remove(struct client* cl);
 /* A message `cl` sent to the daemon (send false) or is being sent (send true). */
 void monitor_report(struct client* cl, bool send, uint8_t type, uint16_t seq, uint32_t peer,
                     const struct blob_attr* body);
+
+/* acl.c: the rights a rule may grant, each a list of patterns. */
+enum acl_right { ACL_PUBLISH, ACL_SUBSCRIBE, ACL_LISTEN, ACL_SEND, __ACL_RIGHT_MAX };
+
+/* Reads the rules from `dir`'s *.json files; a directory without any keeps the old ones. */
+void acl_load(const char* dir);
+/* For ACL_LISTEN, `s` is the pattern as registered. */
+bool acl_allows(const struct client* cl, enum acl_right right, const char* s);
+bool acl_allows_call(const struct client* cl, const char* path, const char* method);
+/* The "seq" and "acl" fields of the ACL query's answer to `cl`. */
+void acl_put_query(struct blob_buf* b, const struct client* cl);
+/* From /proc: the process's supplementary groups, at most `max`; 0 if unreadable. */
+int acl_read_groups(pid_t pid, gid_t* groups, int max);
+
+/* json.c: a JSON object as blobmsg fields at the top level of `out` (initialised here).
+ * False if the text is not one. */
+bool json_to_blobmsg(struct blob_buf* out, const char* text, size_t len);
 
 /* sysobj.c */
 void sysobj_invoke(struct client* cl, const struct inmsg* msg, uint32_t objid, const char* method,

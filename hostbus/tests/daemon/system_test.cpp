@@ -39,6 +39,7 @@ protected:
     }
 };
 
+// No ACL file was ever loaded: the sequence has not moved from 0.
 TEST_F(System, AclQuery) {
     bus_client c(socket());
     c.send(invoke(4, 2, 2, "query", attr(UBUS_ATTR_DATA, {})));
@@ -47,7 +48,7 @@ TEST_F(System, AclQuery) {
     EXPECT_EQ(to_hex(data->raw),
               to_hex(msg(UBUS_MSG_DATA, 4, 2,
                          attr_u32(UBUS_ATTR_OBJID, 2) +
-                             attr(UBUS_ATTR_DATA, field_u32("seq", 1) + field(1, "acl", {})))));
+                             attr(UBUS_ATTR_DATA, field_u32("seq", 0) + field(1, "acl", {})))));
     EXPECT_EQ(to_hex(status->raw),
               to_hex(msg(UBUS_MSG_STATUS, 4, 2, attr_u32(UBUS_ATTR_STATUS, 0))));
     EXPECT_EQ(call(c, 2, "other", bytes{}), 1);

@@ -14,9 +14,10 @@ struct test_daemon {
     pid_t pid;       /* 0 while not running */
     char dir[64];    /* private directory holding the socket */
     char socket[96];
+    char acl_dir[96]; /* never created: no access rules, whatever the machine has */
 };
 
-/* Creates a private directory and starts `exe -s <dir>/ubus.sock`; returns once the
+/* Creates a private directory and starts `exe -s <dir>/ubus.sock -A <dir>/acl.d`; returns once the
  * socket accepts connections. Returns 0, or -1 with nothing left running. */
 int test_daemon_start(struct test_daemon* d, const char* exe);
 
