@@ -40,4 +40,13 @@ else()
         IMPORTED_LOCATION "${UBUS_LIBRARY}"
         INTERFACE_INCLUDE_DIRECTORIES "${UBUS_INCLUDE_DIR}"
         INTERFACE_LINK_LIBRARIES ubus::ubox)
+    # Installed programs and libraries find them where the build found them, unless the
+    # loader looks there anyway.
+    foreach(_orvix_lib ${UBOX_LIBRARY} ${UBUS_LIBRARY})
+        get_filename_component(_orvix_dir "${_orvix_lib}" DIRECTORY)
+        if(NOT _orvix_dir IN_LIST CMAKE_C_IMPLICIT_LINK_DIRECTORIES)
+            list(APPEND CMAKE_INSTALL_RPATH "${_orvix_dir}")
+        endif()
+    endforeach()
+    list(REMOVE_DUPLICATES CMAKE_INSTALL_RPATH)
 endif()
