@@ -116,6 +116,16 @@ public:
     /// timed out" when the connection is lost (as libubus reports requests outstanding
     /// on a lost connection), "Connection failed" after disconnect(), the generic
     /// "Aborted" after cancel().
+    ///
+    /// The id of `object` is looked up once per connection and kept until the daemon
+    /// announces the object's removal (a path ending in '*' is looked up every time). A call
+    /// that reaches the daemon after its object was removed, which no method can have run,
+    /// is sent once more after a fresh lookup, within the same timeout, and `handler` gets
+    /// only that outcome. One case is left: an announcement that this client cannot hear
+    /// in time, because its loop thread is inside a synchronous bus call when the answer
+    /// comes (such as publishing or removing an object, or a lookup), or because the
+    /// daemon dropped it from a queue this client had let fill up, gives "Not found", the
+    /// answer any call gets while a service restarts; the next call looks the object up.
     virtual utils::link
     invoke(const std::string& object, const std::string& method,
            const std::multimap<std::string, blob::attr>& args,

@@ -4,6 +4,7 @@
 #include <orvix/misc/link_handler.h>
 #include <orvix/uloop.h>
 
+#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -24,7 +25,8 @@ client_impl& client_impl::get_instance(const std::weak_ptr<utils::event_loop>& e
 
 client_impl::client_impl(const std::weak_ptr<utils::event_loop>& eloop)
     : prefix("orvix_impl::client: "), eloop(eloop), current_state(state::disconnected),
-      drain_hold(true), attempts(0), bus_context(nullptr), loop_failed(false) {
+      object_ids([this](std::uint32_t id) { on_object_removed_sync(id); }), drain_hold(true),
+      attempts(0), bus_context(nullptr), loop_failed(false) {
     reconnect_timer = get_eloop()->make_timer();
     token = std::make_shared<char>(0);
     epoch_sync = token;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "client/object_id_cache.h"
+
 #include <libubus.h>
 
 #include <orvix/blob/attr.h>
@@ -11,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
@@ -117,7 +120,19 @@ public:
     static int to_ubus_msg_status(const std::error_code& ec);
 
 private:
-    using request_map = std::map<ubus_request*, std::shared_ptr<ubus_request>>;
+    /// An invoke handed to libubus, on the loop thread.
+    struct sent_invoke {
+        std::shared_ptr<ubus_request> request;
+        /// The call as sent, while the cache is in use: for the one more try, and for the
+        /// path whose entry a "Not found" may show to be stale.
+        retained_call call;
+        /// The object id it is in flight through; 0 while it is not.
+        std::uint32_t target = 0;
+        /// Set once the removal of `target` has run while the invoke was in flight.
+        bool target_removed = false;
+        bool retried = false;
+    };
+    using request_map = std::map<ubus_request*, sent_invoke>;
     using registration_map = std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>;
     using object_map = std::map<ubus_object*, std::shared_ptr<object_ctx>>;
     using listener_registration_map =
@@ -202,10 +217,21 @@ private:
     void invoke_sync(const std::string& object, const std::string& method,
                      const std::multimap<std::string, blob::attr>& args,
                      const std::shared_ptr<ubus_request>& request, std::weak_ptr<invoke_ctx>& ctx);
+    /// ubus_lookup_id, whose answer the cache keeps.
+    int lookup_id_sync(ubus_context* bus, const std::string& path, std::uint32_t& id);
+    /// Sends the call to `id` and lists it; libubus's status.
+    int start_invoke_sync(ubus_context* bus, const std::shared_ptr<ubus_request>& request,
+                          std::uint32_t id, const char* method, blob_attr* message,
+                          retained_call&& call);
+    /// Sends again, after a fresh lookup, a call the daemon found no object for.
+    void retry_invoke_sync(const std::shared_ptr<ubus_request>& request);
+    void on_object_removed_sync(std::uint32_t id);
     static void invoke_req_data_handler(ubus_request* req, int type, blob_attr* msg);
     static void invoke_req_done_handler(ubus_request* req, int ret);
     void on_invoke_reply(ubus_request* request, blob::attr&& reply, const std::error_code& ec);
     void on_invoke_done(ubus_request* request, const std::error_code& ec);
+    /// The call is being sent again: what its first try brought is void.
+    void on_invoke_retried(ubus_request* request);
     void on_invoke_timeout(ubus_request* request);
     enum class invoke_completion {
         plain,              ///< the handler gets `ec`
@@ -305,6 +331,7 @@ private:
     std::deque<std::function<void()>> task_queue;
     std::map<ubus_request*, std::shared_ptr<invoke_ctx>> pending_invokes;
     request_map active_requests;
+    object_id_cache object_ids;
     error_handler_list add_handlers;
     error_handler_list del_handlers;
     error_handler_list send_handlers;

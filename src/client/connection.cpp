@@ -295,6 +295,7 @@ ubus_context* client_impl::live_context_sync() const {
 }
 
 void client_impl::connect_sync(const std::string& path) {
+    object_ids.reset();
     {
         // ubus_connect runs uloop_init, which takes the program's signals again.
         auto actions = save_uloop_signals();
@@ -343,8 +344,10 @@ client_impl::freed_context client_impl::free_context_sync() {
     }
     // Requests still listed went with the context: nothing may abort them any more.
     for (auto& entry : active_requests) {
-        entry.second->priv = nullptr;
+        entry.second.request->priv = nullptr;
     }
+    // Ids of another connection may name other objects, or none, after a new daemon.
+    object_ids.reset();
     freed_context freed;
     for (const auto& entry : registered_objects) {
         if (entry.first->has_subscribers) {

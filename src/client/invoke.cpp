@@ -42,6 +42,17 @@ utils::link client_impl::invoke(const std::string& object, const std::string& me
     return lnk;
 }
 
+namespace {
+
+// libubus refuses a send on a broken socket as an invalid argument; when the socket has
+// just reached its end that is the connection failing, not the caller's mistake.
+std::error_code bus_error(const ubus_context* bus, int status) {
+    return bus->sock.eof ? error::make_error_code(error::msg::connection_failed)
+                         : client_impl::to_msg_error(status);
+}
+
+} // namespace
+
 void client_impl::invoke_sync(const std::string& object, const std::string& method,
                               const std::multimap<std::string, blob::attr>& args,
                               const std::shared_ptr<ubus_request>& request,
@@ -50,22 +61,19 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
         request->priv = nullptr;
         post_from_uloop([this, ec, request, ctx] { finish_invoke(request.get(), ec); });
     };
-    // libubus refuses a send on a broken socket as an invalid argument; when the socket
-    // has just reached its end that is the connection failing, not the caller's mistake.
-    const auto bus_error = [](ubus_context* bus, int status) {
-        return bus->sock.eof ? error::make_error_code(error::msg::connection_failed)
-                             : to_msg_error(status);
-    };
     ubus_context* bus = live_context_sync();
     if (!bus) {
         fail(error::make_error_code(error::msg::connection_failed));
         return;
     }
-    std::uint32_t id = 0;
-    const int found = ubus_lookup_id(bus, object.c_str(), &id);
-    if (found != UBUS_STATUS_OK) {
-        fail(bus_error(bus, found));
-        return;
+    const bool watching = object_ids.watch(bus);
+    std::uint32_t id = object_ids.find(object);
+    if (id == 0) {
+        const int found = lookup_id_sync(bus, object, id);
+        if (found != UBUS_STATUS_OK) {
+            fail(bus_error(bus, found));
+            return;
+        }
     }
     blob::buf buf;
     try {
@@ -74,18 +82,83 @@ void client_impl::invoke_sync(const std::string& object, const std::string& meth
         fail(error::make_error_code(error::msg::parse_error));
         return;
     }
+    blob_attr* message = buf.native()->head;
     const int started =
-        ubus_invoke_async_fd(bus, id, method.c_str(), buf.native()->head, request.get(), -1);
+        start_invoke_sync(bus, request, id, method.c_str(), message,
+                          watching ? retained_call(object, method, message) : retained_call());
     if (started != UBUS_STATUS_OK) {
         fail(bus_error(bus, started));
-        return;
+    }
+}
+
+int client_impl::lookup_id_sync(ubus_context* bus, const std::string& path, std::uint32_t& id) {
+    id = 0;
+    const int found = ubus_lookup_id(bus, path.c_str(), &id);
+    if (found == UBUS_STATUS_OK) {
+        object_ids.store(path, id);
+    }
+    return found;
+}
+
+int client_impl::start_invoke_sync(ubus_context* bus, const std::shared_ptr<ubus_request>& request,
+                                   std::uint32_t id, const char* method, blob_attr* message,
+                                   retained_call&& call) {
+    const int started = ubus_invoke_async_fd(bus, id, method, message, request.get(), -1);
+    if (started != UBUS_STATUS_OK) {
+        return started;
     }
     // Set only now: starting the request zeroes it.
     request->priv = this;
     request->data_cb = &client_impl::invoke_req_data_handler;
     request->complete_cb = &client_impl::invoke_req_done_handler;
-    active_requests.emplace(request.get(), request);
+    auto& sent = active_requests[request.get()];
+    sent.request = request;
+    sent.call = std::move(call);
+    // Kept only while the cache is in use: only then is a removal sure to be heard.
+    sent.target = sent.call.empty() ? 0 : id;
+    sent.target_removed = false;
     ubus_complete_request_async(bus, request.get());
+    return UBUS_STATUS_OK;
+}
+
+void client_impl::retry_invoke_sync(const std::shared_ptr<ubus_request>& request) {
+    // Gone if it was cancelled or timed out meanwhile, or went with its connection.
+    const auto it = active_requests.find(request.get());
+    if (it == active_requests.end()) {
+        return;
+    }
+    const auto fail = [this, &request](const std::error_code& ec) {
+        active_requests.erase(request.get());
+        post_from_uloop([this, ec, request] { finish_invoke(request.get(), ec); });
+    };
+    ubus_context* bus = live_context_sync();
+    if (!bus) {
+        fail(error::make_error_code(error::msg::connection_failed));
+        return;
+    }
+    // Not from the cache: this is the lookup the call would have had without it.
+    retained_call call = std::move(it->second.call);
+    std::uint32_t id = 0;
+    const int found = lookup_id_sync(bus, call.path(), id);
+    if (found != UBUS_STATUS_OK) {
+        fail(bus_error(bus, found));
+        return;
+    }
+    const std::string method = call.method();
+    blob_attr* message = call.message();
+    const int started =
+        start_invoke_sync(bus, request, id, method.c_str(), message, std::move(call));
+    if (started != UBUS_STATUS_OK) {
+        fail(bus_error(bus, started));
+    }
+}
+
+void client_impl::on_object_removed_sync(std::uint32_t id) {
+    for (auto& entry : active_requests) {
+        if (entry.second.target == id) {
+            entry.second.target_removed = true;
+        }
+    }
 }
 
 void client_impl::invoke_req_data_handler(ubus_request* req, int, blob_attr* msg) {
@@ -102,9 +175,10 @@ void client_impl::invoke_req_data_handler(ubus_request* req, int, blob_attr* msg
         if (it == self.active_requests.end()) {
             return;
         }
-        self.post_from_uloop([&self, table = std::move(table), ec, request = it->second]() mutable {
-            self.on_invoke_reply(request.get(), blob::attr(std::move(table)), ec);
-        });
+        self.post_from_uloop(
+            [&self, table = std::move(table), ec, request = it->second.request]() mutable {
+                self.on_invoke_reply(request.get(), blob::attr(std::move(table)), ec);
+            });
     } catch (...) {
         uloop::get_instance().exception_handler();
     }
@@ -112,14 +186,34 @@ void client_impl::invoke_req_data_handler(ubus_request* req, int, blob_attr* msg
 
 void client_impl::invoke_req_done_handler(ubus_request* req, int ret) {
     try {
-        const std::error_code ec = to_msg_error(ret);
         auto& self = get_instance({});
         const auto it = self.active_requests.find(req);
         if (it == self.active_requests.end()) {
             return;
         }
-        auto request = std::move(it->second);
+        auto& sent = it->second;
+        if (ret == UBUS_STATUS_NOT_FOUND && sent.target != 0) {
+            if (sent.target_removed && !sent.retried) {
+                // The removal ran before this answer, and the daemon passes on no answer of
+                // an object that is gone: the "Not found" is its own, the call reached no
+                // method. It goes again, once; it stays listed meanwhile, so that a cancel,
+                // a timeout or the end of the connection still ends it.
+                sent.retried = true;
+                sent.target = 0;
+                req->priv = nullptr;
+                const auto request = sent.request;
+                self.post_from_uloop([&self, request] { self.on_invoke_retried(request.get()); });
+                uloop::get_instance().post([&self, request] { self.retry_invoke_sync(request); });
+                return;
+            }
+            // Perhaps the method's own answer, which the handler gets as it is. If it was the
+            // daemon's, the object had gone unannounced (the daemon drops an event that does
+            // not fit this client's queue); the entry must not fail every later call too.
+            self.object_ids.drop(sent.call.path(), sent.target);
+        }
+        auto request = std::move(sent.request);
         self.active_requests.erase(it);
+        const std::error_code ec = to_msg_error(ret);
         self.post_from_uloop([&self, ec, request] { self.on_invoke_done(request.get(), ec); });
     } catch (...) {
         uloop::get_instance().exception_handler();
@@ -141,6 +235,17 @@ void client_impl::on_invoke_reply(ubus_request* request, blob::attr&& reply,
 
 void client_impl::on_invoke_done(ubus_request* request, const std::error_code& ec) {
     finish_invoke(request, ec, invoke_completion::with_replies_error);
+}
+
+void client_impl::on_invoke_retried(ubus_request* request) {
+    const auto it = pending_invokes.find(request);
+    if (it == pending_invokes.end()) {
+        return;
+    }
+    // A call the daemon found no object for got no reply of a method; anything that came
+    // for it was not the method's, and the handler sees only what the call sent again brings.
+    it->second->replies.clear();
+    it->second->error = std::error_code(0, std::system_category());
 }
 
 void client_impl::on_invoke_timeout(ubus_request* request) {
