@@ -19,7 +19,6 @@
 #include <csignal>
 #include <iostream>
 #include <memory>
-#include <set>
 #include <string>
 #include <typeindex>
 #include <unistd.h>
@@ -56,9 +55,6 @@ int main(int argc, char** argv) {
     auto& bus = orvix::client::get_instance(loop);
     bus.set_socket_path(socket);
 
-    // Timers of calls still waiting for their answer.
-    std::set<std::shared_ptr<orvix::utils::timer>> delayed;
-
     auto greet = [&](const call_ptr& call) {
         std::string name = "world";
         // Without a policy the arguments arrive as they were sent: check the kind.
@@ -66,21 +62,16 @@ int main(int argc, char** argv) {
         if (arg != call->args.end() && arg->second.type() == typeid(std::string))
             name = arg->second.get<std::string>();
 
-        auto timer = loop->make_timer();
-        delayed.insert(timer);
-        // The call is answered from the timer, after this handler has returned: the
-        // context keeps the request open until respond(). The timer keeps its handler, so
-        // the handler holds the timer only weakly lest the two keep each other alive.
-        timer->wait([&, call, name, weak = std::weak_ptr<orvix::utils::timer>(timer)] {
-            call->send({{"greeting", orvix::blob::attr("Hello, " + name + "!")}}, {});
-            call->respond(orvix::error::msg::success);
+        // Answered a second later, after this handler has returned: after() keeps the
+        // context, and so the call, open until then.
+        call->after(std::chrono::seconds(1), [&bus, name](const call_ptr& later) {
+            later->send({{"greeting", orvix::blob::attr("Hello, " + name + "!")}}, {});
+            later->respond(orvix::error::msg::success);
             const orvix::blob::table greeted{{"name", orvix::blob::attr(name)}};
             // A negative timeout: the subscribers are not asked to answer.
             bus.notify("orvix.greeter", "greeted", greeted, {}, std::chrono::milliseconds(-1));
             bus.send_event("orvix.greeter.greeted", greeted, {});
-            loop->post([&delayed, weak] { delayed.erase(weak.lock()); });
         });
-        timer->expires_after(std::chrono::seconds(1));
     };
 
     auto count = [](const call_ptr& call) {

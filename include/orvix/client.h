@@ -67,6 +67,16 @@ public:
         /// Completes the call with `status`; later calls do nothing.
         virtual void respond(const std::error_code& status) = 0;
 
+        /// Runs `then` with this context on the program's event loop once `delay` has
+        /// passed, holding the context, and so the call, open until then: the call is
+        /// answered later with no context or timer to keep. `then` runs once, or never if
+        /// the link is released first, which lets the context go (the last reference
+        /// dropped answers success). If the connection goes meanwhile, `then` still runs
+        /// and finds the context expired().
+        virtual utils::link
+        after(std::chrono::milliseconds delay,
+              const std::function<void(const std::shared_ptr<exchange_ctx>&)>& then) = 0;
+
         /// False exactly when expired().
         explicit operator bool() const { return !expired(); }
 
@@ -230,9 +240,9 @@ public:
     /// published object `name`. With a negative `timeout` it is sent without asking for
     /// answers, and `handler` gets success once it is out; with zero `handler` gets
     /// success once every subscriber has answered, however long that takes; with a
-    /// positive one "Request timed out" if they have not all answered by then (counted in
-    /// whole seconds, rounded up, as the event loop's timers count). "Not
-    /// found" when `name` is not on the bus, "Connection failed" while not connected.
+    /// positive one "Request timed out" if they have not all answered by then (to the
+    /// millisecond, unless the event loop's timers count whole seconds: then rounded up).
+    /// "Not found" when `name` is not on the bus, "Connection failed" while not connected.
     /// A notification still waiting for answers when the connection goes completes as a
     /// pending invoke does. The subscribers' answers themselves are not reported, as with libubus's
     /// ubus_notify; libubus waits for the first 16 subscribers only.

@@ -1,9 +1,10 @@
 #include <orvix/blob/utils.h>
 
+#include "blob/big_endian.h"
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -13,23 +14,8 @@ namespace utils {
 
 namespace {
 
-template <typename T>
-T from_big_endian(const void* data) {
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value = static_cast<T>((value << 8) | bytes[i]);
-    }
-    return value;
-}
-
-double double_from_big_endian(const void* data) {
-    static_assert(sizeof(double) == sizeof(std::uint64_t), "double must be 64 bits");
-    const auto bits = from_big_endian<std::uint64_t>(data);
-    double number;
-    std::memcpy(&number, &bits, sizeof(number));
-    return number;
-}
+using detail::double_from_big_endian;
+using detail::from_big_endian;
 
 // Messages come from the bus and are not trusted: nested containers alone could make the
 // decoder recurse deep enough to exhaust the stack. Deeper messages are refused as bad.

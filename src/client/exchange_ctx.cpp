@@ -2,12 +2,23 @@
 
 #include <orvix/blob/buf.h>
 #include <orvix/error.h>
+#include <orvix/misc/link.h>
 
 #include <exception>
 #include <iterator>
 #include <utility>
 
 namespace orvix {
+
+/// One after() call. The context holds it and it holds the context: the cycle keeps the
+/// call open until the timer's function or the link's release breaks it. The timer's
+/// function sees it only weakly, so that the context alone owns the timer.
+struct client_impl::exchange_ctx::delayed {
+    std::shared_ptr<exchange_ctx> owner;
+    std::function<void(const std::shared_ptr<client::exchange_ctx>&)> then;
+    std::shared_ptr<utils::timer> timer;
+    delayed_list::iterator pos;
+};
 
 client_impl::exchange_ctx::exchange_ctx(client_impl& client,
                                         const std::shared_ptr<ubus_request_data>& request,
@@ -63,6 +74,40 @@ void client_impl::exchange_ctx::respond(const std::error_code& status) {
     });
     connection.reset();
     request.reset();
+}
+
+utils::link client_impl::exchange_ctx::after(
+    std::chrono::milliseconds delay,
+    const std::function<void(const std::shared_ptr<client::exchange_ctx>&)>& then) {
+    auto timer = client.get_eloop()->make_timer();
+    const auto entry = std::make_shared<delayed>(
+        delayed{shared_from_this(), then, timer, delayed_list::iterator{}});
+    entry->pos = pending_delays.insert(pending_delays.end(), entry);
+    const std::weak_ptr<delayed> weak = entry;
+    timer->wait([weak] {
+        auto live = weak.lock();
+        if (!live) {
+            return;
+        }
+        // The entry goes before `then` runs, so that its link is over and `then` may
+        // release it; the timer, whose function this is, goes when it returns.
+        const auto ctx = std::move(live->owner);
+        const auto run = std::move(live->then);
+        const auto expiring = std::move(live->timer);
+        ctx->pending_delays.erase(live->pos);
+        live.reset();
+        if (run) {
+            run(ctx);
+        }
+    });
+    timer->expires_after(delay);
+    return misc::create_link(entry, [weak] {
+        const auto live = weak.lock();
+        // Held here: the context, which may go with this last reference and answer the
+        // call, must outlive the change to its own list.
+        const auto ctx = std::move(live->owner);
+        ctx->pending_delays.erase(live->pos);
+    });
 }
 
 } // namespace orvix

@@ -161,7 +161,7 @@ utils::link client_impl::notify(const std::string& name, const std::string& type
             finish_pending(notify_handlers, pos, holder,
                            error::make_error_code(error::msg::timeout));
         });
-        timer->expires_after(std::chrono::ceil<std::chrono::seconds>(timeout));
+        timer->expires_after(timeout);
     }
     post_to_uloop([this, registration = object->registration, type, data, request,
                    wait = timeout.count() >= 0, pos,

@@ -4,6 +4,7 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <utility>
@@ -23,7 +24,13 @@ public:
         state->handler.swap(fresh);
     }
 
+    using timer::expires_after;
+
     void expires_after(std::chrono::seconds delay) override {
+        expires_after(std::chrono::milliseconds(delay));
+    }
+
+    void expires_after(std::chrono::milliseconds delay) override {
         std::lock_guard<std::mutex> lock(state->mutex);
         const auto arming = ++state->arming;
         state->timer.expires_after(delay);

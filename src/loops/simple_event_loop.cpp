@@ -2,6 +2,7 @@
 
 #include "simple_loop_scheduler.h"
 
+#include <chrono>
 #include <utility>
 
 namespace orvix {
@@ -26,7 +27,13 @@ public:
         }
     }
 
+    using timer::expires_after;
+
     void expires_after(std::chrono::seconds delay) override {
+        expires_after(std::chrono::milliseconds(delay));
+    }
+
+    void expires_after(std::chrono::milliseconds delay) override {
         if (auto live = scheduler.lock()) {
             live->arm(slot, delay);
         }

@@ -2,6 +2,7 @@
 
 #include <orvix/error.h>
 
+#include <chrono>
 #include <list>
 #include <map>
 #include <memory>
@@ -258,6 +259,31 @@ TEST_F(event_test, a_subscription_follows_the_object_through_its_restarts) {
         ASSERT_TRUE(run_until([&heard] { return heard.size() == 2; }));
         EXPECT_EQ(heard, (std::vector<std::string>{"tick 0", "tick 1"}));
     }
+    lnk.release();
+}
+
+// The notifier waits for each answer before it sends the next notification.
+TEST_F(event_test, a_notification_answered_after_a_delay_stays_open_until_then) {
+    std::vector<std::string> order;
+    auto lnk = bus().subscribe(
+        "orvix.notifier.later",
+        [&order](const std::string&,
+                 const std::shared_ptr<orvix::client::exchange_ctx>& notification) {
+            const auto n = std::to_string(notification->args.find("n")->second.get<unsigned int>());
+            order.push_back("heard " + n);
+            notification->after(
+                std::chrono::milliseconds(200),
+                [&order, n](const std::shared_ptr<orvix::client::exchange_ctx>& later) {
+                    order.push_back("answered " + n);
+                    later->respond(orvix::error::msg::success);
+                });
+        });
+    round_trip();
+    auto notifier = start_peer(
+        {ORVIX_TEST_EVENTS, bus_environment::daemon.socket, "notify", "orvix.notifier.later", "2"});
+    EXPECT_EQ(finish(*notifier), (std::vector<std::string>{"ready", "status 0", "status 0"}));
+    ASSERT_TRUE(run_until([&order] { return order.size() == 4; }));
+    EXPECT_EQ(order, (std::vector<std::string>{"heard 0", "answered 0", "heard 1", "answered 1"}));
     lnk.release();
 }
 

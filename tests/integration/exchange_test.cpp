@@ -2,6 +2,7 @@
 
 #include <orvix/error.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 namespace {
 
 using namespace orvix_test;
+using namespace std::chrono_literals;
 using orvix::blob::attr;
 using context = std::shared_ptr<orvix::client::exchange_ctx>;
 using lines = std::vector<std::string>;
@@ -120,6 +122,65 @@ TEST_F(exchange_test, a_released_send_link_silences_the_handler_but_the_reply_go
     invoke_into(roundtrip, "orvix.test.no_such_object", "none");
     ASSERT_TRUE(wait_called(roundtrip->where));
     EXPECT_EQ(sent->where.calls, 0);
+}
+
+TEST_F(exchange_test, after_answers_once_the_delay_has_passed_and_then_lets_the_context_go) {
+    probe ran;
+    std::weak_ptr<orvix::client::exchange_ctx> watched;
+    orvix::utils::link pending;
+    publish("orvix.test.after", [&](const context& ctx) {
+        watched = ctx;
+        pending = ran.around([&] {
+            return ctx->after(300ms, [&](const context& later) {
+                ran.hit();
+                EXPECT_FALSE(pending.active());
+                later->send({{"text", attr("late")}}, {});
+            });
+        });
+        EXPECT_TRUE(pending.active());
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(call_over_bus("orvix.test.after", "call", "none"),
+              (lines{"reply", "field text late", "status 0"}));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
+    expect_proper_calls(ran, 1);
+    EXPECT_TRUE(watched.expired()) << "the context outlived its after()";
+    EXPECT_FALSE(pending.active());
+}
+
+TEST_F(exchange_test, a_released_after_never_runs_and_the_dropped_context_answers) {
+    probe ran;
+    std::weak_ptr<orvix::client::exchange_ctx> watched;
+    publish("orvix.test.released_after", [&](const context& ctx) {
+        watched = ctx;
+        auto lnk = ctx->after(100ms, [&ran](const context&) { ran.hit(); });
+        lnk.release();
+        EXPECT_FALSE(lnk.active());
+    });
+    EXPECT_EQ(call_over_bus("orvix.test.released_after", "call", "none"), (lines{"status 0"}));
+    EXPECT_TRUE(watched.expired());
+    run_until([] { return false; }, std::chrono::seconds(1));
+    EXPECT_EQ(ran.calls, 0);
+}
+
+TEST_F(exchange_test, after_runs_with_the_context_expired_once_the_connection_has_gone) {
+    probe served, ran;
+    bool expired_then = false;
+    publish("orvix.test.after_lost", [&](const context& ctx) {
+        served.hit();
+        ctx->after(200ms, [&](const context& later) {
+            ran.hit();
+            expired_then = later->expired();
+            later->respond(orvix::error::msg::success);
+        });
+    });
+    peer call(caller("orvix.test.after_lost", "call", "none", "1000"));
+    ASSERT_TRUE(wait_called(served));
+    reset_client();
+    ASSERT_TRUE(wait_called(ran));
+    EXPECT_TRUE(expired_then);
+    finish(call);
+    expect_proper_calls(ran, 1);
 }
 
 } // namespace

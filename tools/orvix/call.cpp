@@ -1,3 +1,5 @@
+#include <orvix/blob/json.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <unistd.h>
@@ -5,7 +7,6 @@
 #include <libubus.h>
 
 #include "commands.h"
-#include "json_output.h"
 #include "message.h"
 
 namespace orvix {
@@ -13,8 +14,8 @@ namespace tool {
 namespace {
 
 void print_reply(ubus_request* req, int, blob_attr* msg) {
-    const auto layout = *static_cast<const json_layout*>(req->priv);
-    std::printf("%s\n", format_json(msg, false, layout).c_str());
+    const auto layout = *static_cast<const blob::json_layout*>(req->priv);
+    std::printf("%s\n", blob::to_json(msg, layout).c_str());
 }
 
 // For a log that is read later, the device tool says which call failed and exits with
@@ -47,7 +48,7 @@ int call(settings& s, int argc, char** argv) {
     if (const int ret = ubus_lookup_id(s.ctx, argv[0], &id); ret != 0) {
         return ret;
     }
-    json_layout layout = s.simple ? json_layout::compact : json_layout::indented;
+    blob::json_layout layout = s.simple ? blob::json_layout::compact : blob::json_layout::indented;
     return failed(s, argc, argv,
                   ubus_invoke(s.ctx, id, argv[1], message.head(), print_reply, &layout,
                               milliseconds(s.timeout)));

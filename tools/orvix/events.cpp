@@ -1,9 +1,10 @@
+#include <orvix/blob/json.h>
+
 #include <cstdio>
 
 #include <libubus.h>
 
 #include "commands.h"
-#include "json_output.h"
 #include "message.h"
 
 namespace orvix {
@@ -18,7 +19,7 @@ void print_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr
 
 void print_delivery(const char* name, const blob_attr* data) {
     // The name goes out as it came, unescaped, as the device tool prints it.
-    std::printf("{ \"%s\": %s }\n", name, format_json(data, false, json_layout::compact).c_str());
+    std::printf("{ \"%s\": %s }\n", name, blob::to_json(data).c_str());
     std::fflush(stdout);
 }
 

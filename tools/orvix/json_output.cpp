@@ -1,3 +1,6 @@
+#include <orvix/blob/attr.h>
+#include <orvix/blob/json.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdint>
@@ -5,7 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "json_output.h"
 
@@ -19,70 +22,8 @@ namespace tool {
 
 namespace {
 
-// Deeper levels than this keep this indentation, as the device tool's does.
-constexpr int deepest_indent = 16;
-
-std::uint16_t read_be16(const unsigned char* p) {
-    return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
-}
-
-std::uint32_t read_be32(const unsigned char* p) {
-    return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
-           std::uint32_t{p[3]};
-}
-
-std::uint64_t read_be64(const unsigned char* p) {
-    return (std::uint64_t{read_be32(p)} << 32) | read_be32(p + 4);
-}
-
 const unsigned char* payload(const blob_attr* attr) {
     return static_cast<const unsigned char*>(blob_data(attr));
-}
-
-// Names, keys and string values stop at their first NUL: the device tool handles them
-// as C strings.
-void append_string(std::string& out, const char* text) {
-    static const char hex[] = "0123456789abcdef";
-    out += '"';
-    for (const char* c = text; *c; ++c) {
-        const auto byte = static_cast<unsigned char>(*c);
-        switch (byte) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\b':
-            out += "\\b";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (byte < 0x20) {
-                out += "\\u00";
-                out += hex[byte >> 4];
-                out += hex[byte & 0xf];
-            } else {
-                out += *c;
-            }
-        }
-    }
-    out += '"';
-}
-
-void append_double(std::string& out, double value) {
-    // %lf writes every integral digit: DBL_MAX takes 309 of them.
-    char text[400];
-    std::snprintf(text, sizeof text, "%lf", value);
-    out += text;
 }
 
 const char* type_name(std::uint32_t type) {
@@ -102,114 +43,18 @@ const char* type_name(std::uint32_t type) {
     }
 }
 
-class printer {
-public:
-    // `type_names` prints each INT32 as the name of the type it stands for, as signatures
-    // are listed.
-    printer(json_layout layout, bool type_names)
-        : indented_(layout == json_layout::indented), type_names_(type_names) {}
-
-    std::string take() { return std::move(out_); }
-
-    void members(const void* data, std::size_t length, bool as_array) {
-        out_ += as_array ? '[' : '{';
-        ++level_;
-        new_line();
-        auto* pos = static_cast<const blob_attr*>(data);
-        bool first = true;
-        for (std::size_t rest = length; rest >= sizeof(blob_attr);) {
-            const std::size_t size = blob_pad_len(pos);
-            if (size < sizeof(blob_attr) || size > rest)
-                break;
-            if (!first) {
-                out_ += ',';
-                new_line();
-            }
-            first = false;
-            member(pos, as_array);
-            rest -= size;
-            pos = blob_next(pos);
-        }
-        --level_;
-        new_line();
-        out_ += as_array ? ']' : '}';
-    }
-
-    // An invalid member prints nothing; the caller's separators still do.
-    void member(const blob_attr* attr, bool in_array) {
-        if (!blobmsg_check_attr(attr, false))
-            return;
-        // A plain attribute has no name header, so it prints as an unnamed member.
-        if (!in_array && blob_is_extended(attr) && *blobmsg_name(attr)) {
-            append_string(out_, blobmsg_name(attr));
-            out_ += indented_ ? ": " : ":";
-        }
-        value(attr);
-    }
-
-private:
-    void new_line() {
-        if (!indented_)
-            return;
-        out_ += '\n';
-        out_.append(static_cast<std::size_t>(std::min(level_, deepest_indent)), '\t');
-    }
-
-    void value(const blob_attr* attr) {
-        const auto* data = static_cast<const unsigned char*>(blobmsg_data(attr));
-        char number[32];
-        switch (blobmsg_type(attr)) {
-        case BLOBMSG_TYPE_UNSPEC:
-            out_ += "null";
-            break;
-        case BLOBMSG_TYPE_ARRAY:
-        case BLOBMSG_TYPE_TABLE:
-            members(data, blobmsg_data_len(attr), blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
-            break;
-        case BLOBMSG_TYPE_STRING:
-            append_string(out_, reinterpret_cast<const char*>(data));
-            break;
-        case BLOBMSG_TYPE_INT64:
-            std::snprintf(number, sizeof number, "%" PRId64,
-                          static_cast<std::int64_t>(read_be64(data)));
-            out_ += number;
-            break;
-        case BLOBMSG_TYPE_INT32:
-            if (type_names_) {
-                out_ += '"';
-                out_ += type_name(read_be32(data));
-                out_ += '"';
-                break;
-            }
-            std::snprintf(number, sizeof number, "%" PRId32,
-                          static_cast<std::int32_t>(read_be32(data)));
-            out_ += number;
-            break;
-        case BLOBMSG_TYPE_INT16:
-            std::snprintf(number, sizeof number, "%d",
-                          static_cast<int>(static_cast<std::int16_t>(read_be16(data))));
-            out_ += number;
-            break;
-        case BLOBMSG_TYPE_INT8:
-            out_ += *data ? "true" : "false";
-            break;
-        case BLOBMSG_TYPE_DOUBLE: {
-            const std::uint64_t bits = read_be64(data);
-            double d;
-            std::memcpy(&d, &bits, sizeof d);
-            append_double(out_, d);
-            break;
-        }
-        default:
-            break;
-        }
-    }
-
-    std::string out_;
-    bool indented_;
-    bool type_names_;
-    int level_ = 0;
-};
+// Message attributes carry no name header, whatever their flag says, while the library
+// reads a flagged attribute as a blobmsg field: such a one is printed from a plain copy.
+std::string message_json(const blob_attr* attr) {
+    if (!blob_is_extended(attr))
+        return blob::to_json(attr);
+    // Words, so that the copy is aligned as libubox expects; id 0 and no flag.
+    std::vector<std::uint32_t> words(1 + (blob_len(attr) + 3) / 4, 0);
+    auto* plain = reinterpret_cast<blob_attr*>(words.data());
+    blob_set_raw_len(plain, static_cast<unsigned>(sizeof(blob_attr) + blob_len(attr)));
+    std::memcpy(blob_data(plain), blob_data(attr), blob_len(attr));
+    return blob::to_json(plain);
+}
 
 // The observed message's attributes, as the daemon and libubus read them: the last
 // attribute of an id wins, one of the wrong size or type counts as absent.
@@ -258,16 +103,15 @@ const char* const message_type_names[] = {
 
 } // namespace
 
-std::string format_json(const blob_attr* container, bool as_array, json_layout layout) {
-    printer p(layout, false);
-    p.members(blobmsg_data(container), blobmsg_data_len(container), as_array);
-    return p.take();
-}
-
 std::string format_signature_method(const blob_attr* method) {
-    printer p(json_layout::compact, true);
-    p.member(method, false);
-    return p.take();
+    if (!blobmsg_check_attr(method, false))
+        return "";
+    std::string entry;
+    if (blob_is_extended(method) && *blobmsg_name(method))
+        entry = blob::to_json(blob::attr(std::string(blobmsg_name(method)))) + ":";
+    return entry + blob::to_json(method, blob::json_layout::compact, [](std::int32_t type) {
+               return type_name(static_cast<std::uint32_t>(type));
+           });
 }
 
 std::string format_monitor_report(const blob_attr* body) {
@@ -285,12 +129,12 @@ std::string format_monitor_report(const blob_attr* body) {
             return "Invalid monitor msg";
     }
 
-    const std::uint32_t type = read_be32(payload(monitor[UBUS_MONITOR_TYPE]));
+    const std::uint32_t type = blob_get_u32(monitor[UBUS_MONITOR_TYPE]);
     char head[64];
     std::snprintf(head, sizeof head, "%s %08" PRIx32 " #%08" PRIx32 " ",
-                  *payload(monitor[UBUS_MONITOR_SEND]) ? "->" : "<-",
-                  read_be32(payload(monitor[UBUS_MONITOR_CLIENT])),
-                  read_be32(payload(monitor[UBUS_MONITOR_PEER])));
+                  blob_get_u8(monitor[UBUS_MONITOR_SEND]) ? "->" : "<-",
+                  blob_get_u32(monitor[UBUS_MONITOR_CLIENT]),
+                  blob_get_u32(monitor[UBUS_MONITOR_PEER]));
     std::string line = head;
     char type_text[16];
     if (type < sizeof message_type_names / sizeof *message_type_names)
@@ -330,25 +174,23 @@ std::string format_monitor_report(const blob_attr* body) {
         if (!first)
             line += ',';
         first = false;
-        append_string(line, names[id]);
-        line += ':';
+        line += '"';
+        line += names[id];
+        line += "\":";
         switch (kinds[id]) {
         case wire_kind::int32:
-            line += std::to_string(static_cast<std::int32_t>(read_be32(payload(attr))));
+            line += std::to_string(static_cast<std::int32_t>(blob_get_u32(attr)));
             break;
         case wire_kind::string:
-            append_string(line, static_cast<const char*>(blob_data(attr)));
+            line +=
+                blob::to_json(blob::attr(std::string(static_cast<const char*>(blob_data(attr)))));
             break;
         case wire_kind::int8:
-            line += *payload(attr) ? "true" : "false";
+            line += blob_get_u8(attr) ? "true" : "false";
             break;
-        case wire_kind::nested: {
-            // Message attributes carry no name header, whatever their flag says.
-            printer nested(json_layout::compact, false);
-            nested.members(blob_data(attr), blob_len(attr), false);
-            line += nested.take();
+        case wire_kind::nested:
+            line += message_json(attr);
             break;
-        }
         case wire_kind::none:
             break;
         }

@@ -11,17 +11,8 @@ extern "C" {
 namespace orvix {
 namespace tool {
 
-/// The two layouts in which the tool prints a message: indented with tabs, one member
-/// per line, or on one line (-S).
-enum class json_layout { indented, compact };
-
-/// The blobmsg members held in `container` (a DATA attribute, a message's top attribute,
-/// or a blobmsg table or array) as the device tool prints them, without a final newline;
-/// `as_array` chooses the brackets (and leaves the keys out). Members in wire
-/// order, a table as an object and an array as an array, values as the device tool
-/// formats them (doubles with %lf, strings escaped as it escapes them, members with an
-/// empty name without their key, invalid members as nothing between their separators).
-std::string format_json(const blob_attr* container, bool as_array, json_layout layout);
+// The tool's JSON otherwise is the library's printer (orvix/blob/json.h); what follows is
+// the tool's own: its signature and monitor lines.
 
 /// One method entry of a signature as `list -v` prints it: `"name":{...}`, compact, with
 /// every INT32 value replaced by the name of the value type it stands for ("Integer",

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 namespace orvix {
 namespace utils {
@@ -20,6 +21,23 @@ public:
     /// Arms the timer to expire once after `delay`; re-arms it if it was armed, has
     /// expired or was stopped.
     virtual void expires_after(std::chrono::seconds delay) = 0;
+
+    /// Like the seconds overload, to the millisecond. This default rounds `delay` up to
+    /// whole seconds, so that timers written before it still never expire early; the
+    /// loops the library ships override it. A class overriding it should also say
+    /// `using timer::expires_after;` so that the other overloads stay visible.
+    virtual void expires_after(std::chrono::milliseconds delay) {
+        expires_after(std::chrono::ceil<std::chrono::seconds>(delay));
+    }
+
+    /// Minutes, hours and other whole-second durations convert to both overloads above;
+    /// this sends them to the seconds one.
+    template <typename Rep, typename Period,
+              typename = std::enable_if_t<std::is_convertible<std::chrono::duration<Rep, Period>,
+                                                              std::chrono::seconds>::value>>
+    void expires_after(std::chrono::duration<Rep, Period> delay) {
+        expires_after(std::chrono::seconds(delay));
+    }
 
     /// Disarms the timer; its function does not run until the timer is armed again.
     virtual void stop() = 0;

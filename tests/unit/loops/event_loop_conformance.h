@@ -156,10 +156,35 @@ TYPED_TEST_P(event_loop_conformance, other_threads_arm_and_stop_timers_while_it_
     EXPECT_EQ(this->fired, "");
 }
 
+// A timer that counted whole seconds would expire with the one armed before it.
+TYPED_TEST_P(event_loop_conformance, a_timer_counts_milliseconds_and_never_fires_early) {
+    using clock = std::chrono::steady_clock;
+    auto& loop = this->driver.loop();
+    const auto whole = loop.make_timer();
+    const auto brief = loop.make_timer();
+    clock::duration waited{};
+    const auto start = clock::now();
+    whole->wait([&] {
+        this->fired += 's';
+        this->driver.finish();
+    });
+    brief->wait([&] {
+        waited = clock::now() - start;
+        this->fired += 'm';
+    });
+    whole->expires_after(std::chrono::seconds(1));
+    brief->expires_after(std::chrono::milliseconds(30));
+    auto runner = this->driver.start();
+    ASSERT_EQ(runner.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(this->fired, "ms");
+    EXPECT_GE(waited, std::chrono::milliseconds(30));
+}
+
 REGISTER_TYPED_TEST_SUITE_P(event_loop_conformance,
                             posts_from_many_threads_run_on_its_thread_in_posting_order,
                             a_timer_fires_once_per_arming_on_the_loop_thread,
                             a_stopped_or_rearmed_timer_fires_for_its_latest_arming_only,
                             a_stopped_or_destroyed_timer_never_fires_even_when_due,
                             a_function_may_destroy_its_own_timer,
-                            other_threads_arm_and_stop_timers_while_it_runs);
+                            other_threads_arm_and_stop_timers_while_it_runs,
+                            a_timer_counts_milliseconds_and_never_fires_early);

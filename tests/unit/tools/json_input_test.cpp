@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <orvix/blob/json.h>
+
 #include <cstddef>
 #include <string>
 #include <utility>
 
 #include "json_input.h"
-#include "json_output.h"
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -15,9 +16,8 @@ extern "C" {
 
 namespace {
 
+using orvix::blob::to_json;
 using orvix::tool::add_json_members;
-using orvix::tool::format_json;
-using orvix::tool::json_layout;
 
 struct message {
     message() { blob_buf_init(&buf, 0); }
@@ -34,7 +34,7 @@ const char* const refused = nullptr;
 std::string echoed(const std::string& text, bool& accepted) {
     message m;
     accepted = add_json_members(&m.buf, text);
-    return accepted ? format_json(m.buf.head, false, json_layout::compact) : "";
+    return accepted ? to_json(m.buf.head) : "";
 }
 
 TEST(json_input, reads_the_lenient_grammar_of_the_device_tool) {
@@ -172,9 +172,7 @@ TEST(json_input, maps_each_value_to_the_blobmsg_type_the_device_tool_uses) {
             continue;
         const auto* member = static_cast<const blob_attr*>(blob_data(m.buf.head));
         EXPECT_EQ(blobmsg_type(member), c.type) << text;
-        EXPECT_EQ(format_json(m.buf.head, false, json_layout::compact),
-                  std::string("{\"v\":") + c.printed + "}")
-            << text;
+        EXPECT_EQ(to_json(m.buf.head), std::string("{\"v\":") + c.printed + "}") << text;
     }
 }
 

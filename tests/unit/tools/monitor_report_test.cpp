@@ -262,6 +262,14 @@ TEST(monitor_report, reads_the_message_the_daemon_sends) {
                      "| 07 00 00 14 03 00 00 08 00 00 00 03 04 00 00 08 61 64 64 00");
     EXPECT_EQ(format_monitor_report(add.head()),
               R"(<- 9fb030f9 #00000003         invoke: {"objid":3,"method":"add","data":{,}})");
+
+    // A message attribute has no name header even with the extended flag set.
+    message_blob flagged(
+        "00 00 00 08 00 00 00 01 | 01 00 00 08 00 00 00 02 | 02 00 00 05 00 00 00 00"
+        "| 04 00 00 08 00 00 00 05 | 05 00 00 14 87 00 00 10"
+        "| 85 00 00 0c 00 01 61 00 00 00 00 01");
+    EXPECT_EQ(format_monitor_report(flagged.head()),
+              R"(<- 00000001 #00000002         invoke: {"data":{"a":1}})");
 }
 
 TEST(monitor_report, needs_client_peer_send_type_and_data) {
