@@ -191,6 +191,12 @@ void uloop::process(bool consume_wakeup) {
                         errno_text(err));
                 }
             }
+        } else {
+            // Work posted after run() set `running` but before this first batch wrote a
+            // byte for it: taken now, or the loop stays a byte ahead of its batches and
+            // wakes once for nothing.
+            char byte;
+            (void)recv(notify_fds[1], &byte, 1, MSG_DONTWAIT);
         }
     }
     // Unlocked, so that work may post more work or call exit.

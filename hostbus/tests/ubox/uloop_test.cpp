@@ -136,32 +136,6 @@ protected:
     void TearDown() override { uloop_done(); }
 };
 
-// Programs built against the device's header share these structs with the library.
-TEST(UloopLayout, MatchesTheDeviceOnLp64) {
-    if (sizeof(void*) != 8)
-        GTEST_SKIP() << "LP64 layout";
-    const struct {
-        const char* what;
-        size_t got, want;
-    } fields[] = {
-        {"sizeof uloop_fd", sizeof(uloop_fd), 16},
-        {"sizeof uloop_timeout", sizeof(uloop_timeout), 48},
-        {"sizeof uloop_process", sizeof(uloop_process), 40},
-        {"sizeof uloop_interval", sizeof(uloop_interval), 32},
-        {"uloop_interval.cb", offsetof(uloop_interval, cb), 0},
-        {"uloop_interval.expirations", offsetof(uloop_interval, expirations), 8},
-        {"uloop_interval.priv", offsetof(uloop_interval, priv), 16},
-        {"sizeof uloop_signal", sizeof(uloop_signal), 192},
-        {"uloop_signal.list", offsetof(uloop_signal, list), 0},
-        {"uloop_signal.orig", offsetof(uloop_signal, orig), 16},
-        {"uloop_signal.pending", offsetof(uloop_signal, pending), 168},
-        {"uloop_signal.cb", offsetof(uloop_signal, cb), 176},
-        {"uloop_signal.signo", offsetof(uloop_signal, signo), 184},
-    };
-    for (const auto& f : fields)
-        EXPECT_EQ(f.got, f.want) << f.what;
-}
-
 TEST_F(Uloop, WhatTheCallbackSeesOfTheOtherEnd) {
     const struct {
         const char* what;

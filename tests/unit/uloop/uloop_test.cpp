@@ -216,6 +216,20 @@ TEST(uloop, a_batch_of_posts_writes_one_wakeup_byte_and_the_loop_reads_it) {
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14}));
 }
 
+TEST(uloop, work_posted_while_starting_up_leaves_no_wakeup_byte_behind) {
+    auto& loop = uloop::get_instance();
+    const auto before = open_sockets();
+    std::promise<int> unread;
+    // The loop already counts as running, so this post writes a byte; the startup batch
+    // runs the work, and must take the byte with it.
+    during_uloop_init = [&] { loop.post([&] { unread.set_value(unread_bytes_since(before)); }); };
+    loop_thread runner;
+    const int unread_in_first_batch = unread.get_future().get();
+    during_uloop_init = nullptr;
+    EXPECT_EQ(runner.finish(), "");
+    EXPECT_EQ(unread_in_first_batch, 0);
+}
+
 TEST(uloop, work_from_several_threads_keeps_each_threads_order) {
     auto& loop = uloop::get_instance();
     loop_thread runner;

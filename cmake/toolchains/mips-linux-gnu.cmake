@@ -1,0 +1,13 @@
+# Debian's mips-linux-gnu cross compiler; tests run under qemu-mips with the cross libc.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR mips)
+set(_sysroot /usr/mips-linux-gnu)
+set(CMAKE_C_COMPILER mips-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER mips-linux-gnu-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mips -L ${_sysroot})
+set(CMAKE_FIND_ROOT_PATH ${_sysroot})
+# Programs are the host's; headers, libraries and packages only the target's.
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
