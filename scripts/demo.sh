@@ -43,7 +43,7 @@ wait_for 10 test -S "$socket"
 echo "== example service"
 "$build/examples/greeter_service" -s "$socket" >"$work/service.log" 2>&1 &
 pids+=($!)
-wait_for 10 grep -q "published" "$work/service.log" || { cat "$work/service.log"; exit 1; }
+wait_for 10 grep -qs "published" "$work/service.log" || { cat "$work/service.log"; exit 1; }
 cat "$work/service.log"
 
 echo

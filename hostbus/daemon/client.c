@@ -314,7 +314,7 @@ static bool resolve_names(struct client* cl, gid_t gid) {
 /* Clients keep the id in wire byte order; a value that reads as 0 or 1 there would be
  * taken for a failed or a channel connection. */
 static bool client_id_usable(uint32_t id) {
-    return bswap_32(id) > UBUS_CLIENT_ID_CHANNEL;
+    return cpu_to_be32(id) > UBUS_CLIENT_ID_CHANNEL;
 }
 
 void client_new(int fd) {
