@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <orvix_testing/field_builder.h>
+
 extern "C" {
 #include <libubox/blobmsg.h>
 }
@@ -28,23 +30,15 @@ using orvix_testing::message_blob;
 
 using bytes = std::vector<unsigned char>;
 
-// A message built field by field, valid or not, as libubus would hand it over.
-struct message {
-    message() { blob_buf_init(&buf, 0); }
-    ~message() { blob_buf_free(&buf); }
-    message(const message&) = delete;
-    message& operator=(const message&) = delete;
+using message = orvix_testing::field_builder;
 
-    void add(int type, const char* name, const char* hex_value) {
-        const auto value = from_hex(hex_value);
-        blobmsg_add_field(&buf, type, name, value.data(), static_cast<unsigned>(value.size()));
-    }
+std::string compact(const message& m) {
+    return to_json(m.buf.head);
+}
 
-    std::string compact() const { return to_json(buf.head); }
-    std::string indented() const { return to_json(buf.head, json_layout::indented); }
-
-    blob_buf buf{};
-};
+std::string indented(const message& m) {
+    return to_json(m.buf.head, json_layout::indented);
+}
 
 TEST(json, prints_every_value_kind_as_the_tool_does) {
     const struct {
@@ -177,7 +171,7 @@ TEST(json, formats_each_wire_value_as_the_device_tool_does) {
     for (const auto& c : cases) {
         message m;
         m.add(c.type, "v", c.value);
-        EXPECT_EQ(m.compact(), std::string("{\"v\":") + c.printed + "}") << c.value;
+        EXPECT_EQ(compact(m), std::string("{\"v\":") + c.printed + "}") << c.value;
     }
 }
 
@@ -207,8 +201,8 @@ TEST(json, leaves_out_empty_keys_and_invalid_members_but_not_their_separators) {
             blobmsg_add_u32(&m.buf, c.first, 5);
         }
         m.add(c.type, c.name, c.value);
-        EXPECT_EQ(m.compact(), c.compact) << c.value;
-        EXPECT_EQ(m.indented(), c.indented) << c.value;
+        EXPECT_EQ(compact(m), c.compact) << c.value;
+        EXPECT_EQ(indented(m), c.indented) << c.value;
     }
 
     // A DATA attribute holding plain attributes (an OBJID and a METHOD "add"): no valid member.
@@ -231,7 +225,7 @@ TEST(json, prints_containers_deeper_than_the_decoder_accepts_as_nothing) {
     for (auto it = opened.rbegin(); it != opened.rend(); ++it) {
         blobmsg_close_array(&m.buf, *it);
     }
-    const std::string out = m.compact();
+    const std::string out = compact(m);
     EXPECT_EQ(std::count(out.begin(), out.end(), '['), 1023);
     EXPECT_EQ(std::count(out.begin(), out.end(), ']'), 1023);
 }

@@ -8,6 +8,8 @@
 #include "json_input.h"
 #include "json_output.h"
 
+#include <orvix_testing/field_builder.h>
+
 extern "C" {
 #include <libubox/blobmsg.h>
 }
@@ -18,20 +20,7 @@ using orvix::tool::add_json_members;
 using orvix::tool::format_signature_method;
 using orvix_testing::from_hex;
 
-struct message {
-    message() { blob_buf_init(&buf, 0); }
-    ~message() { blob_buf_free(&buf); }
-    message(const message&) = delete;
-    message& operator=(const message&) = delete;
-
-    // One member of any type and size, valid or not.
-    void add(int type, const char* name, const char* hex_value) {
-        const auto value = from_hex(hex_value);
-        blobmsg_add_field(&buf, type, name, value.data(), static_cast<unsigned>(value.size()));
-    }
-
-    blob_buf buf{};
-};
+using message = orvix_testing::field_builder;
 
 TEST(json_output, lists_a_signature_method_with_type_names_for_integers) {
     const struct {
