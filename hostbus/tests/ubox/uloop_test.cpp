@@ -363,7 +363,7 @@ TEST_F(Uloop, IntervalFiresEveryPeriodUntilCancelled) {
     EXPECT_EQ(uloop_interval_cancel(&iv.i), -1);
     auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(uloop_interval_set(&iv.i, 100), 0);
-    EXPECT_GT(uloop_interval_remaining(&iv.i), 80);
+    EXPECT_GT(uloop_interval_remaining(&iv.i), 0);
     EXPECT_LE(uloop_interval_remaining(&iv.i), 100);
     Timer guard = timer("guard", end_loop);
     uloop_timeout_set(&guard.t, 5000);
@@ -372,7 +372,7 @@ TEST_F(Uloop, IntervalFiresEveryPeriodUntilCancelled) {
     EXPECT_EQ(iv.calls, 2);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     EXPECT_GE(iv.i.expirations, 2u);
-    EXPECT_GT(iv.remaining_in_cb, 50);
+    EXPECT_GT(iv.remaining_in_cb, 0);
     EXPECT_LE(iv.remaining_in_cb, 100);
 
     EXPECT_EQ(uloop_interval_cancel(&iv.i), 0);

@@ -57,7 +57,8 @@ TEST_F(UbusTest, MonitorCallsGiveUpAfterOneSecond) {
                       std::chrono::steady_clock::now() - start)
                       .count();
         EXPECT_GE(ms, 990);
-        EXPECT_LT(ms, 1500);
+        // Given up, not waiting for ever: a loaded or emulated machine may take a while.
+        EXPECT_LT(ms, 10000);
     }
 }
 
